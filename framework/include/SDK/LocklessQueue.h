@@ -30,28 +30,28 @@ namespace SDK {
 template <typename T>
 class LocklessQueue {
 public:
-    /// A queue holding at most `capacity` elements, in a ring of the next
+    /// A queue holding at most `maxElements` elements, in a ring of the next
     /// power of two at or above it. A capacity of 0, or above 2^31, gives an
     /// inert queue (no ring; every operation returns 0). With
     /// `releaseOnDequeue` a slot drops its element as soon as it was taken.
-    LocklessQueue(unsigned int capacity, bool singleProducerOnly, bool singleConsumerOnly,
+    LocklessQueue(unsigned int maxElements, bool singleProducerOnly, bool singleConsumerOnly,
                   bool releaseSlotOnDequeue)
         : singleProducer(singleProducerOnly),
           singleConsumer(singleConsumerOnly),
           releaseOnDequeue(releaseSlotOnDequeue)
     {
-        if (capacity == 0 || capacity > (1u << 31)) {
+        if (maxElements == 0 || maxElements > (1u << 31)) {
             return;
         }
         unsigned int ringSize = 1;
-        while (ringSize < capacity) {
+        while (ringSize < maxElements) {
             ringSize <<= 1;
         }
         ring = new (std::nothrow) T[ringSize];
         if (ring != nullptr) {
             size = ringSize;
             mask = ringSize - 1;
-            this->capacity = capacity;
+            capacity = maxElements;
         }
     }
 

@@ -14,9 +14,9 @@ namespace FrameworkTest {
 /// A task that counts what the framework does to it.
 class RecordingTask : public Framework::Task {
 public:
-    explicit RecordingTask(const std::string& name, int initResult = 0)
-        : Framework::Task(name, "feature", Framework::TaskCondition::TASK_TYPE_RESIDENT, 16),
-          initResult(initResult)
+    explicit RecordingTask(const std::string& taskName, int resultOfInit = 0)
+        : Framework::Task(taskName, "feature", Framework::TaskCondition::TASK_TYPE_RESIDENT, 16),
+          initResult(resultOfInit)
     {
     }
 
@@ -48,7 +48,7 @@ public:
 /// "reject" is refused. Reports its destruction through `destroyed`.
 class ListPolicy : public Framework::FeaturePolicy {
 public:
-    ListPolicy(const std::string& name, int* destroyedCounter) : FeaturePolicy(name), destroyed(destroyedCounter) {}
+    ListPolicy(const std::string& featureName, int* destroyedCounter) : FeaturePolicy(featureName), destroyed(destroyedCounter) {}
     ~ListPolicy() override
     {
         if (destroyed != nullptr) {

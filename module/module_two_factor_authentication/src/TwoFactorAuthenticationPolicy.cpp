@@ -10,8 +10,8 @@
 
 namespace Engine {
 
-TwoFactorAuthenticationPolicy::TwoFactorAuthenticationPolicy(const std::string& name)
-    : Framework::FeaturePolicy(name)
+TwoFactorAuthenticationPolicy::TwoFactorAuthenticationPolicy(const std::string& policyName)
+    : Framework::FeaturePolicy(policyName)
 {
 }
 

@@ -14,7 +14,7 @@ namespace Engine {
 /// naming the module's task.
 class TwoFactorAuthenticationPolicy : public Framework::FeaturePolicy {
 public:
-    explicit TwoFactorAuthenticationPolicy(const std::string& name);
+    explicit TwoFactorAuthenticationPolicy(const std::string& policyName);
     ~TwoFactorAuthenticationPolicy() override;
 
     /// Reads `content`; true when accepted. Called once, on a fresh object.

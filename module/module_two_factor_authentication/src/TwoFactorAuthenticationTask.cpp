@@ -60,16 +60,16 @@ TwoFactorAuthenticationTask::~TwoFactorAuthenticationTask()
 
 bool TwoFactorAuthenticationTask::GetPolicy()
 {
-    auto* policy = dynamic_cast<TwoFactorAuthenticationPolicy*>(CurrentPolicy());
-    if (policy == nullptr) {
+    auto* featurePolicy = dynamic_cast<TwoFactorAuthenticationPolicy*>(CurrentPolicy());
+    if (featurePolicy == nullptr) {
         TFA_LOG_ERROR("Two factor authentication policy is empty, task(%s) init failed.",
                       two_factor_authentication_task);
         return false;
     }
-    refreshTime = policy->GetRefreshTime();
-    echo = policy->GetEcho();
-    local = policy->GetLocal();
-    excludeUserList = policy->GetExcludeUserList();
+    refreshTime = featurePolicy->GetRefreshTime();
+    echo = featurePolicy->GetEcho();
+    local = featurePolicy->GetLocal();
+    excludeUserList = featurePolicy->GetExcludeUserList();
     TFA_LOG_INFO("Two factor authentication policy refresh time(%d), echo(%d), local(%d), exclude user list size(%z)",
                  refreshTime, echo, local, excludeUserList.size());
     return true;
@@ -106,9 +106,9 @@ int TwoFactorAuthenticationTask::Init()
         }
         auto* callback = new (std::nothrow) Framework::EventCallback<TwoFactorAuthenticationTask>(
             this, &TwoFactorAuthenticationTask::SocketEventAction);
-        auto* event = new (std::nothrow) Framework::Event(callback, nullptr, socketFd);
+        auto* socketEvent = new (std::nothrow) Framework::Event(callback, nullptr, socketFd);
         delete ipcEvent;
-        ipcEvent = event;
+        ipcEvent = socketEvent;
         if (ipcEvent != nullptr) {
             eventWaiter.AddEvent(*ipcEvent);
         }
