@@ -71,7 +71,7 @@ bool SenderCredentials(msghdr* message, ucred* credentials)
 
 } // namespace
 
-AskStatus AgentClient::Ask(const std::string& request, std::string* reply)
+AskStatus AgentClient::Ask(const std::string& request, SecretString* reply)
 {
     const long long deadline = NowMs() + timeoutMs_;
     if (!socket_.Valid() && !Open()) {
@@ -131,7 +131,7 @@ bool AgentClient::Send(const std::string& request, AskStatus* failure)
     }
 }
 
-AskStatus AgentClient::Receive(long long deadlineMs, std::string* reply)
+AskStatus AgentClient::Receive(long long deadlineMs, SecretString* reply)
 {
     for (;;) {
         const long long left = deadlineMs - NowMs();
@@ -150,7 +150,7 @@ AskStatus AgentClient::Receive(long long deadlineMs, std::string* reply)
     }
 }
 
-bool AgentClient::ReadOne(std::string* reply)
+bool AgentClient::ReadOne(SecretString* reply)
 {
     char data[kReplyBuffer];
     alignas(cmsghdr) char control[kControlBuffer];
@@ -170,15 +170,17 @@ bool AgentClient::ReadOne(std::string* reply)
     }
     ucred credentials{};
     const bool haveCredentials = SenderCredentials(&message, &credentials);
-    if (!haveCredentials || credentials.uid != 0 || !FromAgentAddress(sender, message.msg_namelen)) {
+    const bool trusted = haveCredentials && credentials.uid == 0 && FromAgentAddress(sender, message.msg_namelen);
+    if (trusted) {
+        // A truncated datagram fills the whole buffer, which is longer than
+        // any reply, so it cannot be mistaken for one.
+        reply->Assign(data, static_cast<std::size_t>(got));
+    } else {
         ++untrustedReplies_;
         lastUntrustedUid_ = haveCredentials ? credentials.uid : static_cast<uid_t>(-1);
-        return false;
     }
-    // A truncated datagram fills the whole buffer, which is longer than any
-    // reply, so it cannot be mistaken for one.
-    reply->assign(data, static_cast<std::size_t>(got));
-    return true;
+    WipeBytes(data, sizeof data);
+    return trusted;
 }
 
 } // namespace brackmoor::pam

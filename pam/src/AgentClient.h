@@ -1,5 +1,6 @@
 #pragma once
 
+#include "SecretString.h"
 #include "UniqueFd.h"
 
 #include <string>
@@ -31,8 +32,9 @@ public:
     explicit AgentClient(int timeoutMs) : timeoutMs_(timeoutMs) {}
 
     /// Sends one request and waits at most the time-out for the trusted reply,
-    /// which is returned in `reply` as received (NUL included).
-    AskStatus Ask(const std::string& request, std::string* reply);
+    /// which is returned in `reply` as received (NUL included). A reply may
+    /// be a verification code, hence the wiped buffer.
+    AskStatus Ask(const std::string& request, SecretString* reply);
 
     /// Replies dropped because their sender was not root, for the log.
     int UntrustedReplies() const { return untrustedReplies_; }
@@ -45,9 +47,9 @@ private:
     bool Open();
     /// False with the reason in `failure` when the request could not be sent.
     bool Send(const std::string& request, AskStatus* failure);
-    AskStatus Receive(long long deadlineMs, std::string* reply);
+    AskStatus Receive(long long deadlineMs, SecretString* reply);
     /// Reads one pending datagram; true when it is a trusted reply.
-    bool ReadOne(std::string* reply);
+    bool ReadOne(SecretString* reply);
 
     int timeoutMs_;
     UniqueFd socket_;

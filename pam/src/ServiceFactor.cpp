@@ -65,12 +65,12 @@ int ServiceFactor::CheckContact(const std::string& contact, bool* listed)
     if (!CouldBeRegistered(contact)) {
         return PAM_SUCCESS;
     }
-    std::string reply;
+    SecretString reply;
     const AskStatus status = agent_.Ask("1:" + contact, &reply);
     if (status != AskStatus::Answered) {
         return AgentFailed(status, "contact check");
     }
-    switch (InterpretContactReply(ParseReplyNumber(reply.data(), reply.size()))) {
+    switch (InterpretContactReply(ParseReplyNumber(reply.Text().data(), reply.Text().size()))) {
     case ContactVerdict::Listed:
         *listed = true;
         return PAM_SUCCESS;
@@ -94,14 +94,13 @@ int ServiceFactor::AskCode()
     }
     user_.Tell(prompts::kLoginReference + std::to_string(*reference));
 
-    std::string reply;
+    SecretString reply;
     const AskStatus status = agent_.Ask("2:" + std::to_string(*reference), &reply);
-    SecretString replyText(std::move(reply));
     if (status != AskStatus::Answered) {
         return AgentFailed(status, "code request");
     }
     const std::optional<std::uint32_t> issued =
-        InterpretCodeReply(ParseReplyNumber(replyText.Text().data(), replyText.Text().size()));
+        InterpretCodeReply(ParseReplyNumber(reply.Text().data(), reply.Text().size()));
     if (!issued) {
         user_.Warn(prompts::kNoCode);
         log_.Unavailable("the agent could not obtain a verification code");
