@@ -1,0 +1,30 @@
+#pragma once
+
+// Every text the module shows to the user. Each is distinctive, because
+// scripted logins (SSH_ASKPASS helpers, pamtester) answer prompts by their
+// text and cannot tell a hidden prompt from an echoed one. pam/README.md
+// lists them; keep the two in step.
+
+namespace brackmoor::pam::prompts {
+
+// Verification service.
+constexpr char kContact[] = "Phone number or mail address: ";
+constexpr char kLoginReference[] = "Login reference: ";               // + the number
+constexpr char kCodeForReference[] = "Verification code for login reference "; // + number + ": "
+constexpr char kNotRegistered[] = "This phone number or mail address is not registered for this server.";
+constexpr char kServiceUnavailable[] =
+    "The verification service is unavailable; login refused. Please try again later.";
+constexpr char kNoCode[] = "No verification code could be issued; login refused. Please try again later.";
+constexpr char kWrongCode[] = "Wrong verification code.";
+
+// Authenticator app on this host.
+constexpr char kAuthenticatorCode[] = "Authenticator code: ";
+constexpr char kWrongAuthenticatorCode[] = "Wrong authenticator code.";
+constexpr char kAuthenticatorCodeUsed[] = "This authenticator code has been used already; wait for the next one.";
+constexpr char kNotEnrolled[] = "No authenticator is set up for this account; login refused.";
+constexpr char kAuthenticatorUnavailable[] = "The authenticator check is unavailable; login refused.";
+
+// Both.
+constexpr char kTooManyTries[] = "Too many failed attempts; login refused.";
+
+} // namespace brackmoor::pam::prompts
