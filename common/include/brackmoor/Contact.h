@@ -76,7 +76,8 @@ inline bool IsValidPhone(const std::string& phone)
 }
 
 /// A plain mail address: one "@", a non-empty local part of printable ASCII
-/// without blanks, and a domain of letters, digits, "-" and "." with at least
+/// without blanks or ":" (the agent's requests are split at ":", so such an
+/// address could never be matched), and a domain of letters, digits, "-" and "." with at least
 /// one inner dot. Expects a normalised text.
 inline bool IsValidMail(const std::string& mail)
 {
@@ -87,7 +88,7 @@ inline bool IsValidMail(const std::string& mail)
     }
     for (std::string::size_type i = 0; i < at; ++i) {
         const char c = mail[i];
-        if (c <= ' ' || c > '~') {
+        if (c <= ' ' || c > '~' || c == ':') {
             return false;
         }
     }
