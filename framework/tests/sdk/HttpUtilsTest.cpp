@@ -5,6 +5,9 @@
 #include <thread>
 
 #include <Poco/Logger.h>
+#include <Poco/Delegate.h>
+#include <Poco/Net/SSLManager.h>
+#include <Poco/Net/VerificationErrorArgs.h>
 #include <Poco/Net/ServerSocket.h>
 #include <gtest/gtest.h>
 
@@ -46,6 +49,23 @@ Reply Get(const std::string& url, const Headers& params = {}, const Headers& hea
     reply.status = SDK::HttpUtils::GetInstance()->Get(url, params, headers, reply.headers, reply.body, 200);
     return reply;
 }
+
+/// Listens to the TLS library's process-wide verification-error event and
+/// waves every error through, as a careless other component might.
+class AcceptAnyCertificate {
+public:
+    AcceptAnyCertificate()
+    {
+        Poco::Net::SSLManager::instance().ClientVerificationError += Poco::delegate(this, &AcceptAnyCertificate::OnError);
+    }
+    ~AcceptAnyCertificate()
+    {
+        Poco::Net::SSLManager::instance().ClientVerificationError -= Poco::delegate(this, &AcceptAnyCertificate::OnError);
+    }
+
+private:
+    void OnError(const void*, Poco::Net::VerificationErrorArgs& args) { args.setIgnoreError(true); }
+};
 
 class HttpUtilsTest : public ::testing::Test {
 protected:
@@ -166,6 +186,8 @@ TEST_F(HttpUtilsTest, RefusesCertificatesNotTrustedForTheConfiguredHost)
     HttpsTestServer misnamed(wrongHost.ServerCertFile(), wrongHost.ServerKeyFile());
     std::string error;
     ASSERT_TRUE(misnamed.Start(error)) << error;
+    // Someone else in the process accepting every certificate changes nothing.
+    AcceptAnyCertificate acceptAll;
 
     struct Case {
         const char* what;
