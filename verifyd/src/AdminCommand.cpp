@@ -201,7 +201,7 @@ AdminCommand::Status AdminCommand::Report(StoreResult result, const std::string&
             << " contacts\n";
         break;
     case StoreResult::Failed:
-        err << subject << ": database error (see the log)\n";
+        err << subject << ": database error\n";
         break;
     }
     return Refused;

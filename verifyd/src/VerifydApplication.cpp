@@ -23,8 +23,11 @@ namespace brackmoor::verifyd {
 namespace {
 
 /// Sends every logger's output to the configured file (rotated at 10 MB,
-/// five old files kept) or, without one, to standard error.
-void ConfigureLogging(const std::string& file, const std::string& level, const char* pattern)
+/// five old files kept) or, without one, to standard error. The file is
+/// opened here, so that an unusable path is a start-up error instead of an
+/// exception in the first request that logs. false and `error` set then.
+bool ConfigureLogging(const std::string& file, const std::string& level, const char* pattern,
+                      std::string& error)
 {
     Poco::AutoPtr<Poco::Channel> sink;
     if (file.empty()) {
@@ -34,15 +37,31 @@ void ConfigureLogging(const std::string& file, const std::string& level, const c
         rotating->setProperty("rotation", "10 M");
         rotating->setProperty("archive", "number");
         rotating->setProperty("purgeCount", "5");
+        try {
+            rotating->open();
+        } catch (const Poco::Exception& e) {
+            error = file + ": cannot open the log file: " + e.displayText();
+            return false;
+        }
         sink = rotating;
     }
     Poco::AutoPtr<Poco::PatternFormatter> format = new Poco::PatternFormatter(pattern);
     Poco::AutoPtr<Poco::FormattingChannel> channel = new Poco::FormattingChannel(format, sink);
+    // Loggers made later copy the root; those made before keep their own
+    // copy of channel and level, so both are set on the whole tree too.
     Poco::Logger::root().setChannel(channel);
     Poco::Logger::root().setLevel(level);
-    // Loggers made before now keep their own copy of the channel and level.
     Poco::Logger::setChannel("", channel);
     Poco::Logger::setLevel("", Poco::Logger::parseLevel(level));
+    return true;
+}
+
+/// Messages of the program and of the framework's start-up (a bad option,
+/// say) as one line each on standard error.
+void LogToConsole()
+{
+    std::string ignored;
+    ConfigureLogging("", "warning", "brackmoor-verifyd: %t", ignored);
 }
 
 /// Blocks the termination signals in every thread still to come, so that only
@@ -62,7 +81,7 @@ void BlockTerminationSignals()
 
 VerifydApplication::VerifydApplication()
 {
-    ConfigureLogging("", "warning", "brackmoor-verifyd: %t");
+    LogToConsole();
 }
 
 void VerifydApplication::defineOptions(Poco::Util::OptionSet& options)
@@ -111,10 +130,14 @@ int VerifydApplication::main(const std::vector<std::string>& args)
 
 int VerifydApplication::Serve(const ServiceConfig& config)
 {
-    ConfigureLogging(config.logFile, config.logLevel, "%Y-%m-%d %H:%M:%S.%i %q %s: %t");
+    std::string error;
+    if (!ConfigureLogging(config.logFile, config.logLevel, "%Y-%m-%d %H:%M:%S.%i %q %s: %t",
+                          error)) {
+        std::cerr << "brackmoor-verifyd: " << error << "\n";
+        return kBadConfiguration;
+    }
     BlockTerminationSignals();
     Poco::Logger& log = Poco::Logger::get("verifyd");
-    std::string error;
     std::unique_ptr<Service> service = Service::Create(config, error);
     if (!service) {
         log.fatal(error);
@@ -135,7 +158,7 @@ int VerifydApplication::Serve(const ServiceConfig& config)
 int VerifydApplication::Administer(const ServiceConfig& config,
                                    const std::vector<std::string>& args)
 {
-    ConfigureLogging("", "warning", "brackmoor-verifyd: %t");
+    LogToConsole();
     std::string error;
     std::unique_ptr<Database> database = Database::Open(config.databasePath, 2, error);
     if (!database) {
