@@ -1,11 +1,16 @@
 #include <thread>
 
+#include <Poco/File.h>
+
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketStream.h>
 #include <Poco/Net/StreamSocket.h>
 #include <gtest/gtest.h>
 
+#include "Courier.h"
+#include "OutboxChannel.h"
 #include "SmtpChannel.h"
+#include "TestSupport/TempDir.h"
 
 namespace brackmoor::verifyd {
 namespace {
@@ -72,6 +77,12 @@ private:
     std::thread worker;
 };
 
+unsigned short ClosedPort()
+{
+    Poco::Net::ServerSocket probe(Poco::Net::SocketAddress("127.0.0.1", 0));
+    return probe.address().port();
+}
+
 const Message kMail{Message::Kind::Mail, "alice@example.org",
                     "Brackmoor verification code 042137 for login reference 4711"};
 
@@ -99,15 +110,47 @@ TEST(SmtpChannel, ARefusedRecipientIsADeliveryFailure)
 
 TEST(SmtpChannel, AnUnreachableRelayIsADeliveryFailure)
 {
-    unsigned short closedPort = 0;
-    {
-        Poco::Net::ServerSocket probe(Poco::Net::SocketAddress("127.0.0.1", 0));
-        closedPort = probe.address().port();
-    }
-    SmtpChannel channel("127.0.0.1", closedPort, "otp@brackmoor.test", std::chrono::seconds(2));
+    SmtpChannel channel("127.0.0.1", ClosedPort(), "otp@brackmoor.test", std::chrono::seconds(2));
     std::string error;
     EXPECT_FALSE(channel.Deliver(kMail, error));
     EXPECT_NE(error.find("smtp 127.0.0.1:"), std::string::npos) << error;
+}
+
+std::unique_ptr<DeliveryChannel> Outbox(const TestSupport::TempDir& dir)
+{
+    std::string error;
+    return OutboxChannel::Create(dir.File("outbox"), error);
+}
+
+std::size_t OutboxCount(const TestSupport::TempDir& dir)
+{
+    std::vector<std::string> names;
+    Poco::File(dir.File("outbox")).list(names);
+    return names.size();
+}
+
+TEST(Courier, MailGoesToTheRelayAndPhonesToTheOutbox)
+{
+    TestSupport::TempDir dir;
+    LoopbackRelay relay;
+    Courier courier(Outbox(dir),
+                    std::make_unique<SmtpChannel>("127.0.0.1", relay.Port(), "otp@brackmoor.test",
+                                                  std::chrono::seconds(5)),
+                    nullptr);
+    ASSERT_TRUE(courier.DeliverToAll("web-01", {"+4915112345678", "alice@example.org"}, "hello"));
+    EXPECT_NE(relay.Transcript().find("RCPT TO: <alice@example.org>"), std::string::npos);
+    EXPECT_EQ(OutboxCount(dir), 1u);
+}
+
+TEST(Courier, StopsAtTheFirstFailedDelivery)
+{
+    TestSupport::TempDir dir;
+    Courier courier(Outbox(dir),
+                    std::make_unique<SmtpChannel>("127.0.0.1", ClosedPort(), "otp@brackmoor.test",
+                                                  std::chrono::seconds(2)),
+                    nullptr);
+    EXPECT_FALSE(courier.DeliverToAll("web-01", {"alice@example.org", "+4915112345678"}, "hello"));
+    EXPECT_EQ(OutboxCount(dir), 0u) << "no message may follow a failed one";
 }
 
 } // namespace
