@@ -93,8 +93,8 @@ TEST(SmtpChannel, HandsTheMessageToTheRelay)
     std::string error;
     ASSERT_TRUE(channel.Deliver(kMail, error)) << error;
     const std::string transcript = relay.Transcript();
-    EXPECT_NE(transcript.find("MAIL FROM: <otp@brackmoor.test>"), std::string::npos) << transcript;
-    EXPECT_NE(transcript.find("RCPT TO: <alice@example.org>"), std::string::npos) << transcript;
+    EXPECT_NE(transcript.find("MAIL FROM:<otp@brackmoor.test>"), std::string::npos) << transcript;
+    EXPECT_NE(transcript.find("RCPT TO:<alice@example.org>"), std::string::npos) << transcript;
     EXPECT_NE(transcript.find("Subject: Brackmoor verification code"), std::string::npos);
     EXPECT_NE(transcript.find(kMail.text), std::string::npos) << transcript;
 }
@@ -138,7 +138,7 @@ TEST(Courier, MailGoesToTheRelayAndPhonesToTheOutbox)
                                                   std::chrono::seconds(5)),
                     nullptr);
     ASSERT_TRUE(courier.DeliverToAll("web-01", {"+4915112345678", "alice@example.org"}, "hello"));
-    EXPECT_NE(relay.Transcript().find("RCPT TO: <alice@example.org>"), std::string::npos);
+    EXPECT_NE(relay.Transcript().find("RCPT TO:<alice@example.org>"), std::string::npos);
     EXPECT_EQ(OutboxCount(dir), 1u);
 }
 
