@@ -576,6 +576,7 @@ bool TwoFactorAuthenticationTask::Handline(std::string& line, bool on, int& swit
 int TwoFactorAuthenticationTask::EnableAuth(const std::string& line, std::string& commentedLine, std::string& newLine)
 {
     commentedLine = "#" + line;
+    newLine.clear();
     std::vector<std::string> fields;
     SDK::StrUtils::Split(line, field_separators, fields);
     if (fields.size() >= 2 && fields.back() == pam_include_name) {
