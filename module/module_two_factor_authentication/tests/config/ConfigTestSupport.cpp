@@ -1,7 +1,6 @@
 #include "ConfigTestSupport.h"
 
 #include <sys/stat.h>
-#include <sys/statfs.h>
 
 #include <cstdlib>
 
@@ -172,12 +171,27 @@ const std::vector<std::string> moduleDirs = {
 
 namespace {
 
-const long overlay_magic = 0x794c7630;
-
-bool OnOverlay(const std::string& path)
+// Whether the topmost mount at `mountPoint` is one that sandbox-run made
+// (its tmpfs and overlays name the sandbox's scratch directory).
+bool MountedBySandbox(const std::string& mountPoint)
 {
-    struct statfs fs {};
-    return statfs(path.c_str(), &fs) == 0 && static_cast<long>(fs.f_type) == overlay_magic;
+    std::ifstream mountInfo("/proc/self/mountinfo");
+    std::string line;
+    bool bySandbox = false;
+    while (std::getline(mountInfo, line)) {
+        const size_t separator = line.find(" - ");
+        if (separator == std::string::npos) {
+            continue;
+        }
+        std::istringstream head(line.substr(0, separator));
+        std::string id, parent, device, root, point;
+        head >> id >> parent >> device >> root >> point;
+        if (point == mountPoint) {
+            // Later entries are mounted on top of earlier ones.
+            bySandbox = line.find("brackmoor-sandbox", separator) != std::string::npos;
+        }
+    }
+    return bySandbox;
 }
 
 bool LinksTo(const std::string& link, const std::string& target)
@@ -195,16 +209,14 @@ bool InsideSandbox(std::string& why)
         why = "not inside tests/sandbox/sandbox-run; this test changes system paths";
         return false;
     }
-    struct stat rootStat {};
-    struct stat etcStat {};
-    if (stat("/", &rootStat) != 0 || stat("/etc", &etcStat) != 0 || rootStat.st_dev == etcStat.st_dev) {
-        why = "/etc is not the sandbox's private copy";
+    if (!MountedBySandbox("/etc") || !MountedBySandbox("/run")) {
+        why = "/etc and /run are not the sandbox's private copies";
         return false;
     }
     // Every module directory must lie on an overlay of the sandbox, so that
     // creating and removing them changes nothing on this machine.
-    if (!LinksTo("/lib", "/usr/lib") || !LinksTo("/lib64", "/usr/lib64") || !OnOverlay("/usr/lib") ||
-        !OnOverlay("/usr/lib64")) {
+    if (!LinksTo("/lib", "/usr/lib") || !LinksTo("/lib64", "/usr/lib64") || !MountedBySandbox("/usr/lib") ||
+        !MountedBySandbox("/usr/lib64")) {
         why = "the PAM module directories are not on the sandbox's overlays (needs /lib -> /usr/lib, "
               "/lib64 -> /usr/lib64)";
         return false;

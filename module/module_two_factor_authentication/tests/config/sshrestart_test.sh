@@ -7,8 +7,14 @@
 # Usage: sshrestart_test.sh PATH-OF-sshrestart.sh
 set -u
 
-if [ "${BRACKMOOR_IN_SANDBOX:-}" != "1" ]; then
-    echo "sshrestart_test: needs tests/sandbox/sandbox-run; skipping" >&2
+# The topmost mount at $1 is one that sandbox-run made.
+mounted_by_sandbox() {
+    awk -v point="$1" '$5 == point { last = $0 } END { print last }' /proc/self/mountinfo |
+        grep -q " - .*brackmoor-sandbox"
+}
+
+if [ "${BRACKMOOR_IN_SANDBOX:-}" != "1" ] || ! mounted_by_sandbox /run; then
+    echo "sshrestart_test: needs tests/sandbox/sandbox-run (a private /run); skipping" >&2
     exit 77
 fi
 script=$1
