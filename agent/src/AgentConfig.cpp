@@ -1,11 +1,14 @@
 #include "AgentConfig.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstddef>
 #include <filesystem>
 #include <system_error>
 
+#include "FileTrust.h"
 #include "Framework/ConfigManager.h"
 #include "SDK/FileUtils.h"
 #include "SDK/StrUtils.h"
@@ -125,6 +128,11 @@ std::vector<std::string> PolicySections(const std::string& text)
 bool AgentConfig::Load(const std::string& path, const std::string& policyOverride, AgentSettings& settings,
                        std::string& error)
 {
+    const std::string why = FileTrust::WhyUntrusted(path, false);
+    if (!why.empty() && access(path.c_str(), F_OK) == 0) {
+        error = path + ": " + why;
+        return false;
+    }
     Framework::ConfigManager* config = Framework::ConfigManager::GetInstance();
     if (config->Load(path, error) != 0) {
         return false;

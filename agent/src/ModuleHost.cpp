@@ -1,14 +1,12 @@
 #include "ModuleHost.h"
 
 #include <dirent.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "AgentLog.h"
+#include "FileTrust.h"
 #include "Framework/Module.h"
 
 namespace Agent {
@@ -18,25 +16,6 @@ namespace {
 bool HasSuffix(const std::string& text, const std::string& suffix)
 {
     return text.size() > suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-/// Empty when only the agent's user can change `path`; otherwise why not.
-std::string WhyUntrusted(const std::string& path, bool wantDirectory)
-{
-    struct stat info = {};
-    if (stat(path.c_str(), &info) != 0) {
-        return std::string("cannot stat: ") + std::strerror(errno);
-    }
-    if (wantDirectory ? !S_ISDIR(info.st_mode) : !S_ISREG(info.st_mode)) {
-        return wantDirectory ? "not a directory" : "not a regular file";
-    }
-    if (info.st_uid != geteuid()) {
-        return "owned by uid " + std::to_string(info.st_uid) + ", not by the agent's user";
-    }
-    if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return "writable by group or others";
-    }
-    return std::string();
 }
 
 std::vector<std::string> LibraryNames(const std::string& directory)
@@ -68,7 +47,7 @@ ModuleHost::~ModuleHost()
 
 std::size_t ModuleHost::LoadDirectory(const std::string& directory)
 {
-    const std::string why = WhyUntrusted(directory, true);
+    const std::string why = FileTrust::WhyUntrusted(directory, true);
     if (!why.empty()) {
         AGENT_LOG_ERROR("Module directory(" + directory + ") not used: " + why + "; no module loaded.");
         return 0;
@@ -86,7 +65,7 @@ std::size_t ModuleHost::LoadDirectory(const std::string& directory)
 
 bool ModuleHost::LoadLibrary(const std::string& path)
 {
-    const std::string why = WhyUntrusted(path, false);
+    const std::string why = FileTrust::WhyUntrusted(path, false);
     if (!why.empty()) {
         AGENT_LOG_ERROR("Module library(" + path + ") skipped: " + why + ".");
         return false;

@@ -11,9 +11,8 @@ namespace Agent {
 /// The modules the agent runs, in load order.
 ///
 /// A library that cannot be loaded is logged and skipped: the others keep
-/// working. Only libraries the agent alone can change are loaded (owned by
-/// the agent's user, not writable by group or others, in a directory that
-/// is not either), since the agent runs their code as root.
+/// working. Only libraries that FileTrust accepts, in a directory it
+/// accepts, are loaded: the agent runs their code as root.
 class ModuleHost {
 public:
     ModuleHost() = default;

@@ -1,11 +1,14 @@
 #include "PolicyFeeder.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <utility>
 
 #include "AgentLog.h"
+#include "FileTrust.h"
 #include "Framework/Module.h"
 #include "ModuleHost.h"
 #include "SDK/FileUtils.h"
@@ -42,6 +45,11 @@ std::vector<DeliveryResult> PolicyFeeder::Deliver(const ModuleHost& host, bool o
 DeliveryResult PolicyFeeder::DeliverOne(const ModuleHost& host, FeedState& state, bool onlyChanged)
 {
     const PolicyFeed& feed = state.feed;
+    const std::string why = FileTrust::WhyUntrusted(feed.file, false);
+    if (!why.empty() && access(feed.file.c_str(), F_OK) == 0) {
+        AGENT_LOG_ERROR(Describe(feed) + " not read: " + why + "; the policy in force stays.");
+        return DeliveryResult::Untrusted;
+    }
     std::string content;
     if (SDK::FileUtils::ReadFile(feed.file, content, kMaxPolicyBytes) != 0) {
         AGENT_LOG_ERROR(Describe(feed) + " cannot be read: " + std::strerror(errno) +

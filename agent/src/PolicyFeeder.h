@@ -17,6 +17,7 @@ enum class DeliveryResult {
     UnknownCallback,  ///< the module has no callback under the feed's id
     NoModule,         ///< no loaded module has the feed's module name
     Unreadable,       ///< the policy file could not be read; nothing pushed
+    Untrusted,        ///< others than root could have written the file; not read
     Failed,           ///< RefreshPolicy threw or gave an unknown result
 };
 

@@ -113,7 +113,7 @@ TEST_P(BadConfigTest, IsOneLineNamingFileAndKeyWithStatus2)
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryFault, BadConfigTest, ::testing::ValuesIn(kBadConfigs),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const ::testing::TestParamInfo<BadConfig>& test) { return std::string(test.param.name); });
 
 TEST(ConfigFileTest, MissingFileIsNamedWithStatus2)
 {
@@ -122,6 +122,16 @@ TEST(ConfigFileTest, MissingFileIsNamedWithStatus2)
     std::string err;
     EXPECT_EQ(RunAgent({"--config", dir.File("absent.conf")}, dir.Path(), out, err), 2);
     EXPECT_EQ(err, "brackmoor-agent: " + dir.File("absent.conf") + ": cannot read: No such file or directory\n");
+}
+
+TEST(ConfigFileTest, FileOthersMayWriteIsRefusedWithStatus2)
+{
+    TestSupport::TempDir dir;
+    const std::string config = dir.Write("agent.conf", GoodConfig(dir.Path()), 0664);
+    std::string out;
+    std::string err;
+    EXPECT_EQ(RunAgent({"--config", config}, dir.Path(), out, err), 2);
+    EXPECT_EQ(err, "brackmoor-agent: " + config + ": writable by group or others\n");
 }
 
 TEST(ConfigFileTest, GoodFileGivesTheSettingsWithDefaults)

@@ -97,6 +97,14 @@ TEST_F(PolicyFeederTest, ReloadPushesOnlyChangedDocumentsAndSkipsARejectedOneRep
                                                      "alpha policy feature_tfa {\"v\": 2}"}));
 }
 
+TEST_F(PolicyFeederTest, AFileOthersMayWriteIsNotRead)
+{
+    Agent::PolicyFeeder feeder({Feed("tfa", "alpha", "10001")});
+    WriteFile(dir.File("tfa.json"), "{\"v\": 1}", 0666);
+    EXPECT_EQ(feeder.Deliver(host, false), std::vector<DeliveryResult>{DeliveryResult::Untrusted});
+    EXPECT_TRUE(Delivered().empty());
+}
+
 TEST_F(PolicyFeederTest, AFileThatBecomesUnreadableKeepsThePolicyInForce)
 {
     Agent::PolicyFeeder feeder({Feed("tfa", "alpha", "10001")});

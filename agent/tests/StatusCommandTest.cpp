@@ -162,7 +162,7 @@ TEST_P(StatusBreakageTest, IsNotInForceAndSaysWhy)
 }
 
 INSTANTIATE_TEST_SUITE_P(EachWay, StatusBreakageTest, ::testing::ValuesIn(kBreakages),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const ::testing::TestParamInfo<Breakage>& test) { return std::string(test.param.name); });
 
 TEST(SshdSettingsReaderTest, FirstValueWinsAcrossIncludesUntilMatch)
 {
