@@ -30,6 +30,23 @@ std::string SignalName(int number)
     return name != nullptr ? std::string("SIG") + name : "signal " + std::to_string(number);
 }
 
+/// Whether SIGTERM or SIGINT arrived while the agent was starting; takes
+/// every pending signal (a pending SIGHUP asks for what start-up does anyway).
+bool TerminationPending()
+{
+    int number = 0;
+    for (;;) {
+        const AgentSignal pending = SignalWaiter::WaitFor(std::chrono::milliseconds(0), number);
+        if (pending == AgentSignal::None) {
+            return false;
+        }
+        if (pending == AgentSignal::Terminate) {
+            AGENT_LOG_INFO(SignalName(number) + " received while starting; shutting down.");
+            return true;
+        }
+    }
+}
+
 /// Serves SIGHUP until SIGTERM or SIGINT arrives.
 void ServeSignals(const ModuleHost& host, PolicyFeeder& feeder)
 {
@@ -81,7 +98,7 @@ int Host::Run(const CommandLine& options)
 {
     // First of all: every thread created from here on inherits the mask.
     if (!SignalWaiter::BlockAgentSignals()) {
-        PrintError(std::string("cannot set up signal handling: ") + std::strerror(errno));
+        PrintError("cannot set up signal handling");
         return kExitFailure;
     }
     AgentSettings settings;
@@ -104,11 +121,13 @@ int Host::Run(const CommandLine& options)
 
     ModuleHost host;
     host.LoadDirectory(settings.moduleDir);
-    PolicyFeeder feeder(settings.feeds);
-    feeder.Deliver(host, false);
-    AGENT_LOG_INFO("brackmoor-agent running.");
-
-    ServeSignals(host, feeder);
+    // Asked to stop meanwhile: switch nothing on only to switch it off again.
+    if (!TerminationPending()) {
+        PolicyFeeder feeder(settings.feeds);
+        feeder.Deliver(host, false);
+        AGENT_LOG_INFO("brackmoor-agent running.");
+        ServeSignals(host, feeder);
+    }
     ShutDown(host);
     AGENT_LOG_INFO("brackmoor-agent stopped.");
     return kExitOk;

@@ -10,12 +10,13 @@ class Module;
 namespace Agent {
 
 /// One loaded module library: the dlopen handle and the module that its
-/// CreateModule made, initialised.
+/// CreateModule made. Open makes the module, Init starts it; the host looks
+/// at the module's name in between.
 ///
 /// Module code is foreign to the agent: every call into it (CreateModule,
-/// Init, UnInit, the destructor) is guarded, so nothing it throws reaches
-/// the agent. Destroying the object unloads the module: UnInit, delete,
-/// dlclose, in that order.
+/// name, Init, UnInit, the destructor) is guarded, so nothing it throws
+/// reaches the agent. Destroying the object unloads the module: UnInit (when
+/// Init was called), delete, dlclose, in that order.
 class ModuleLibrary {
 public:
     /// Name of the factory every module library exports (C linkage).

@@ -1,7 +1,8 @@
 #include "SignalWaiter.h"
 
-#include <csignal>
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <ctime>
 
 namespace Agent {
@@ -56,11 +57,9 @@ AgentSignal SignalWaiter::WaitFor(std::chrono::milliseconds timeout, int& signal
     const sigset_t set = AgentSignalSet();
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
-            return AgentSignal::None;
-        }
+        // A zero (or spent) timeout still looks once: that is how pending signals are polled.
+        const auto left = std::max(std::chrono::nanoseconds(0), std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                                                    deadline - std::chrono::steady_clock::now()));
         struct timespec wait = {};
         wait.tv_sec = static_cast<time_t>(left.count() / 1000000000);
         wait.tv_nsec = static_cast<long>(left.count() % 1000000000);
@@ -73,6 +72,7 @@ AgentSignal SignalWaiter::WaitFor(std::chrono::milliseconds timeout, int& signal
         if (errno == EAGAIN) {
             return AgentSignal::None;
         }
+        // EINTR: a signal outside the set interrupted the wait; wait out the rest.
     }
 }
 

@@ -31,7 +31,8 @@ public:
     /// Waits for the next agent signal; `signalNumber` receives its number.
     static AgentSignal Wait(int& signalNumber);
 
-    /// As Wait, but gives up after `timeout` with AgentSignal::None.
+    /// As Wait, but gives up after `timeout` with AgentSignal::None; a zero
+    /// timeout takes a pending signal without waiting.
     static AgentSignal WaitFor(std::chrono::milliseconds timeout, int& signalNumber);
 };
 

@@ -130,6 +130,19 @@ TEST_F(AgentRunTest, ASecondSignalDuringShutDownDoesNotCutItShort)
     EXPECT_TRUE(Recorded("alpha destroy"));
 }
 
+TEST_F(AgentRunTest, SigtermWhileStartingDeliversNoPolicy)
+{
+    const std::string hold = dir.File("release");
+    auto agent = Start({{"BRACKMOOR_TEST_MODULE_HOLD_INIT", hold}});
+    ASSERT_TRUE(Recorded("alpha init"));
+    agent->Signal(SIGTERM);
+    WriteFile(hold, "");
+    EXPECT_EQ(agent->Wait(kDeadline), 0);
+    EXPECT_TRUE(Recorded("alpha destroy"));
+    EXPECT_EQ(CountRecorded("alpha policy"), 0u);
+    EXPECT_TRUE(FileContains(dir.File("log/agent.log"), "SIGTERM received while starting; shutting down."));
+}
+
 TEST_F(AgentRunTest, SigintShutsDownLikeSigtermAndForegroundLogsToStderr)
 {
     auto agent = Start({}, {"--foreground"});

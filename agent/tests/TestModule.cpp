@@ -7,7 +7,8 @@
 //   TEST_MODULE_FACTORY_NULL  CreateModule returns null
 //   TEST_MODULE_NO_FACTORY    the library exports no CreateModule at all
 // With BRACKMOOR_TEST_MODULE_HOLD set, UnInit waits until that file exists,
-// so a test can signal the agent while it is shutting down.
+// so a test can signal the agent while it is shutting down; likewise Init
+// with BRACKMOOR_TEST_MODULE_HOLD_INIT, while it is starting.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -42,9 +43,9 @@ void Record(const std::string& event)
     }
 }
 
-void WaitForRelease()
+void WaitForRelease(const char* variable)
 {
-    const char* hold = std::getenv("BRACKMOOR_TEST_MODULE_HOLD");
+    const char* hold = std::getenv(variable);
     if (hold == nullptr) {
         return;
     }
@@ -70,6 +71,7 @@ public:
     int Init() override
     {
         Record("init");
+        WaitForRelease("BRACKMOOR_TEST_MODULE_HOLD_INIT");
 #ifdef TEST_MODULE_INIT_THROWS
         throw std::runtime_error("init refused by the test");
 #else
@@ -81,7 +83,7 @@ public:
     void UnInit() override
     {
         Record("uninit begin");
-        WaitForRelease();
+        WaitForRelease("BRACKMOOR_TEST_MODULE_HOLD");
         Framework::Module::UnInit();
         Record("uninit end");
     }
