@@ -28,6 +28,11 @@ const char* const kPamSshd = "/etc/pam.d/sshd";
 const char* const kPamInclude = "/etc/pam.d/brackmoor-auth";
 const char* const kSshdConfig = "/etc/ssh/sshd_config";
 const char* const kModuleCopy = "/lib/x86_64-linux-gnu/security/pam_brackmoor.so";
+#ifdef BRACKMOOR_RESTART_SCRIPT
+const std::string kRestartScript = std::string("exec ") + BRACKMOOR_RESTART_SCRIPT + "\n";
+#else
+const std::string kRestartScript;
+#endif
 
 std::string Policy(const std::string& excluded)
 {
@@ -66,7 +71,9 @@ protected:
         ASSERT_TRUE(dir.Ok());
         const std::string install = dir.File("opt/");
         WriteFile(install + "module/pam_brackmoor.so", "stand-in PAM module\n");
-        WriteFile(install + "sudobin/sshrestart.sh", "#!/bin/sh\necho restart >> " + dir.File("restarts") + "\n", 0755);
+        // Counts the restarts, then lets the installation's own script check and reload sshd.
+        WriteFile(install + "sudobin/sshrestart.sh",
+                  "#!/bin/sh\necho restart >> " + dir.File("restarts") + "\n" + kRestartScript, 0755);
         AgentTest::CopyFile(BRACKMOOR_TFA_MODULE, install + "lib/modules/libtwo_factor_authentication_module.so");
         policy = dir.File("tfa.json");
         config = dir.File("agent.conf");
