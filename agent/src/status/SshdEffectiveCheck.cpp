@@ -74,6 +74,9 @@ CheckResults SshdEffectiveCheck::Inspect(const StatusPaths& paths, const std::st
     if (access(sshdBinary.c_str(), X_OK) != 0) {
         return {{CheckLevel::Info, kSubject, sshdBinary + " is not installed; effective settings not checked"}};
     }
+    if (geteuid() != 0) {
+        return {{CheckLevel::Info, kSubject, "not asked: sshd -T needs root to read the host keys"}};
+    }
     std::string output;
     const int status = SDK::ExecuteCmdUtils::ExecuteCmd(
         Quoted(sshdBinary) + " -T -f " + Quoted(paths.sshdConfig), output, kMaxOutput, kTimeoutSeconds);
