@@ -96,6 +96,7 @@ bool ApplyRules(const KeyRule (&rules)[N], const std::string& section, AgentSett
 /// ConfigManager has already accepted the text, so only section lines matter.
 std::vector<std::string> PolicySections(const std::string& text)
 {
+    const std::string prefix = kPolicySectionPrefix;
     std::vector<std::string> names;
     std::size_t start = 0;
     while (start < text.size()) {
@@ -111,16 +112,36 @@ std::vector<std::string> PolicySections(const std::string& text)
         }
         std::string section = line.substr(1, line.size() - 2);
         SDK::StrUtils::Trim(section);
-        if (section.compare(0, std::string(kPolicySectionPrefix).size(), kPolicySectionPrefix) == 0 &&
-            section.size() > std::string(kPolicySectionPrefix).size()) {
-            const std::string name = section.substr(std::string(kPolicySectionPrefix).size());
-            // A section given twice is one section to the INI reader as well.
-            if (std::find(names.begin(), names.end(), name) == names.end()) {
-                names.push_back(name);
-            }
+        if (section.size() <= prefix.size() || section.compare(0, prefix.size(), prefix) != 0) {
+            continue;
+        }
+        const std::string name = section.substr(prefix.size());
+        // A section given twice is one section to the INI reader as well.
+        if (std::find(names.begin(), names.end(), name) == names.end()) {
+            names.push_back(name);
         }
     }
     return names;
+}
+
+/// The feeds of the [policy.NAME] sections of `text`; false, with `problem`
+/// set, when there is none or one is incomplete.
+bool ReadFeeds(const std::string& text, AgentSettings& settings, std::string& problem)
+{
+    const std::vector<std::string> sections = PolicySections(text);
+    if (sections.empty()) {
+        problem = std::string("missing section [") + kPolicySectionPrefix + "NAME]";
+        return false;
+    }
+    for (const std::string& name : sections) {
+        PolicyFeed feed;
+        feed.name = name;
+        if (!ApplyRules(kFeedKeys, kPolicySectionPrefix + name, settings, feed, problem)) {
+            return false;
+        }
+        settings.feeds.push_back(feed);
+    }
+    return true;
 }
 
 } // namespace
@@ -153,23 +174,9 @@ bool AgentConfig::Load(const std::string& path, const std::string& policyOverrid
 
     std::string problem;
     PolicyFeed unused;
-    if (!ApplyRules(kAgentKeys, "agent", loaded, unused, problem)) {
+    if (!ApplyRules(kAgentKeys, "agent", loaded, unused, problem) || !ReadFeeds(text, loaded, problem)) {
         error = path + ": " + problem;
         return false;
-    }
-    const std::vector<std::string> sections = PolicySections(text);
-    if (sections.empty()) {
-        error = path + ": missing section [" + kPolicySectionPrefix + "NAME]";
-        return false;
-    }
-    for (const std::string& name : sections) {
-        PolicyFeed feed;
-        feed.name = name;
-        if (!ApplyRules(kFeedKeys, kPolicySectionPrefix + name, loaded, feed, problem)) {
-            error = path + ": " + problem;
-            return false;
-        }
-        loaded.feeds.push_back(feed);
     }
     if (!policyOverride.empty()) {
         // Relative to the working directory of the command line that gave it.
