@@ -1,6 +1,7 @@
 #include "ModuleHost.h"
 
 #include <dirent.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>

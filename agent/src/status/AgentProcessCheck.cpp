@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "../PidFile.h"
+#include "PidFile.h"
 #include "TextFile.h"
 
 namespace Agent {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "../AgentConfig.h"
+#include "AgentConfig.h"
 #include "AgentProcessCheck.h"
 #include "ModuleCopiesCheck.h"
 #include "PamIncludeCheck.h"

@@ -2,7 +2,7 @@
 
 #include <ostream>
 
-#include "../CommandLine.h"
+#include "CommandLine.h"
 
 namespace Agent {
 
