@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+#include "CheckResult.h"
+#include "StatusPaths.h"
+
+namespace Agent {
+
+/// What sshd itself will use: `sshd -T` prints its effective settings after
+/// reading every file and drop-in, so it is the final word on keyboard-
+/// interactive authentication and UsePAM. Skipped when sshd is not installed,
+/// and for callers other than root, for whom sshd -T cannot run.
+class SshdEffectiveCheck {
+public:
+    /// `sshdBinary` is asked with -T -f for the configuration under the root.
+    static CheckResults Inspect(const StatusPaths& paths, const std::string& sshdBinary);
+};
+
+} // namespace Agent
