@@ -301,37 +301,578 @@ void TwoFactorAuthenticationTask::SendResponse(const struct sockaddr_un& addr, u
 // sshd_config line editing and switching
 // ---------------------------------------------------------------------------
 
-bool TwoFactorAuthenticationTask::IsHasKeyLine(const std::string&, const std::string&, const std::string&) { return false; }
-int TwoFactorAuthenticationTask::IsHasTwoKeyLine(const std::string&) { return -2; }
-void TwoFactorAuthenticationTask::ModifySshdLine(const std::string&, const std::string&, int, bool, std::string&) {}
-bool TwoFactorAuthenticationTask::IsUsePamAndPwdAuth() { return false; }
-bool TwoFactorAuthenticationTask::SwitchSshdConfig(bool) { return false; }
-bool TwoFactorAuthenticationTask::RestartSsh() { return false; }
+namespace {
+
+// Configuration lines are cut into fields at blanks and tabs.
+const std::string field_separators = " \t";
+
+const std::string sshd_key_challenge = "ChallengeResponseAuthentication";
+const std::string sshd_key_kbd_interactive = "KbdInteractiveAuthentication";
+const std::string sshd_restart_script = "sudobin/sshrestart.sh";
+
+bool StartsWith(const std::string& text, const std::string& prefix)
+{
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// Replaces the file's content in place: truncate, then one write. No temporary
+// file, so owner, mode and any hard links of the file stay as they are. On an
+// open failure `openErrno` holds the errno of that open; a failing write or
+// close is deliberately not reported (the callers treat the file as written).
+bool OverwriteFile(const std::string& path, const std::string& text, int& openErrno)
+{
+    std::ofstream file(path, std::ios::out | std::ios::trunc | std::ios::binary);
+    if (!file.is_open()) {
+        openErrno = errno;
+        return false;
+    }
+    file.write(text.data(), static_cast<std::streamsize>(text.size()));
+    file.close();
+    return true;
+}
+
+} // namespace
+
+bool TwoFactorAuthenticationTask::IsHasKeyLine(const std::string& line, const std::string& key,
+                                               const std::string& value)
+{
+    std::vector<std::string> fields;
+    SDK::StrUtils::Split(line, field_separators, fields);
+    return fields.size() == 2 && fields[0] == key && fields[1] == value;
+}
+
+int TwoFactorAuthenticationTask::IsHasTwoKeyLine(const std::string& key)
+{
+    std::ifstream file(sshdConfigPath);
+    if (!file.is_open()) {
+        const int openErrno = errno;
+        TFA_LOG_ERROR("Open sshd config file(%s) failed, errno(%d).", sshdConfigPath, openErrno);
+        return -2;
+    }
+    bool hasYes = false;
+    bool hasNo = false;
+    std::string line;
+    while (std::getline(file, line)) {
+        if (line.empty()) {
+            continue;
+        }
+        SDK::StrUtils::Trim(line);
+        // A commented line counts too: it is the counterpart that a switch
+        // turns on by removing its one "#".
+        if (StartsWith(line, "#")) {
+            line.erase(0, 1);
+        }
+        if (IsHasKeyLine(line, key, "yes")) {
+            hasYes = true;
+        }
+        if (IsHasKeyLine(line, key, "no")) {
+            hasNo = true;
+        }
+    }
+    file.close();
+    if (hasYes && hasNo) {
+        return 1;
+    }
+    return (hasYes || hasNo) ? 0 : -1;
+}
+
+void TwoFactorAuthenticationTask::ModifySshdLine(const std::string& line, const std::string& key, int keyLineState,
+                                                 bool switchOn, std::string& output)
+{
+    std::string body = line;
+    if (StartsWith(body, "#")) {
+        body.erase(0, 1);
+    }
+    // keyLineState 0: only one kind of key line exists, so the first switch
+    // adds its counterpart right below it; later switches only move the "#".
+    const bool addCounterpart = keyLineState == 0;
+    std::string result = line;
+    if (IsHasKeyLine(body, key, "yes")) {
+        result = switchOn ? body : "#" + body;
+        if (addCounterpart) {
+            result += (switchOn ? "\n#" : "\n") + key + " no";
+        }
+    }
+    if (IsHasKeyLine(body, key, "no")) {
+        result = switchOn ? "#" + body : body;
+        if (addCounterpart) {
+            result += (switchOn ? "\n" : "\n#") + key + " yes";
+        }
+    }
+    output += result;
+    output += "\n";
+}
+
+bool TwoFactorAuthenticationTask::IsUsePamAndPwdAuth()
+{
+    std::ifstream file(sshdConfigPath);
+    if (!file.is_open()) {
+        const int openErrno = errno;
+        TFA_LOG_ERROR("Open sshd config file(%s) failed, errno(%d).", sshdConfigPath, openErrno);
+        return false;
+    }
+    // Only active global-looking lines count; an absent keyword means sshd's
+    // default, which is acceptable. Match blocks are not understood: a failing
+    // line inside one fails the check as well, which errs on the safe side.
+    std::string line;
+    std::vector<std::string> fields;
+    while (std::getline(file, line)) {
+        if (line.empty()) {
+            continue;
+        }
+        SDK::StrUtils::Trim(line);
+        if (StartsWith(line, "#")) {
+            continue;
+        }
+        SDK::StrUtils::Split(line, field_separators, fields);
+        if (fields.size() != 2) {
+            continue;
+        }
+        if ((fields[0] == "UsePAM" && fields[1] == "no") ||
+            (fields[0] == "PasswordAuthentication" && fields[1] == "no") ||
+            (fields[0] == "PermitEmptyPasswords" && fields[1] == "yes")) {
+            file.close();
+            return false;
+        }
+    }
+    file.close();
+    return true;
+}
+
+bool TwoFactorAuthenticationTask::SwitchSshdConfig(bool switchOn)
+{
+    // Exactly one keyword is edited: the older name when the file has it in
+    // any form, otherwise the newer one. A keyword without any line is never
+    // added, so a file with neither fails the switch.
+    std::string key = sshd_key_challenge;
+    int state = IsHasTwoKeyLine(key);
+    if (state == -2) {
+        return false;
+    }
+    if (state == -1) {
+        TFA_LOG_INFO("No (%s) config.", key);
+        key = sshd_key_kbd_interactive;
+        state = IsHasTwoKeyLine(key);
+        if (state == -2) {
+            return false;
+        }
+        if (state == -1) {
+            TFA_LOG_INFO("No (%s) config.", key);
+            return false;
+        }
+    }
+
+    std::ifstream input(sshdConfigPath);
+    if (!input.is_open()) {
+        const int openErrno = errno;
+        TFA_LOG_ERROR("Open sshd config file(%s) failed, errno(%d).", sshdConfigPath, openErrno);
+        return false;
+    }
+    std::string output;
+    std::string line;
+    while (std::getline(input, line)) {
+        if (line.empty()) {
+            output += "\n";
+            continue;
+        }
+        SDK::StrUtils::Trim(line);
+        ModifySshdLine(line, key, state, switchOn, output);
+    }
+    input.close();
+
+    int openErrno = 0;
+    if (!OverwriteFile(sshdConfigPath, output, openErrno)) {
+        TFA_LOG_ERROR("Open sshd config file(%s) failed, errno(%d).", sshdConfigPath, openErrno);
+        return false;
+    }
+    return RestartSsh();
+}
+
+bool TwoFactorAuthenticationTask::RestartSsh()
+{
+    std::string path;
+    if (SDK::PathUtils::GetInstallationPath(path) != 0) {
+        // Same text as the module installation's message, kept word for word
+        // so that log searches find both.
+        TFA_LOG_ERROR("Get install path failed, copy auth module failed.");
+        return false;
+    }
+    // The script validates the configuration before it touches sshd; its
+    // outcome is not ours to judge, so result and output are ignored.
+    const std::string command = path + sshd_restart_script;
+    std::string output;
+    SDK::ExecuteCmdUtils::ExecuteCmd(command, output, 4096);
+    return true;
+}
 
 // ---------------------------------------------------------------------------
 // PAM include file generation
 // ---------------------------------------------------------------------------
 
-std::string TwoFactorAuthenticationTask::GenerateParameters() { return std::string(); }
-bool TwoFactorAuthenticationTask::GeneratePamBm(const std::string&) { return false; }
-bool TwoFactorAuthenticationTask::ReplaceSufficientToRequired(const std::string&, std::string&) { return false; }
+namespace {
+
+const std::string pam_unix_module = "pam_unix.so";
+const std::string pam_line_skip_form = "auth [success=1 default=ignore] pam_brackmoor.so ";
+const std::string pam_line_sufficient_form = "auth sufficient pam_brackmoor.so ";
+
+} // namespace
+
+std::string TwoFactorAuthenticationTask::GenerateParameters()
+{
+    std::string arguments = "refresh_time=" + std::to_string(refreshTime) + " echo=" + std::to_string(echo) +
+                            " local=" + std::to_string(local);
+    for (size_t i = 0; i < excludeUserList.size(); ++i) {
+        arguments += (i == 0) ? " exclude_user_list=" : ";";
+        arguments += excludeUserList[i];
+    }
+    return arguments;
+}
+
+bool TwoFactorAuthenticationTask::ReplaceSufficientToRequired(const std::string& line, std::string& out)
+{
+    std::vector<std::string> fields;
+    SDK::StrUtils::Split(line, field_separators, fields);
+    bool dropped = false;
+    for (size_t i = 0; i < fields.size(); ++i) {
+        // The blank goes in before the field is looked at, so a dropped third
+        // field leaves two blanks behind; the PAM parser does not mind.
+        if (!out.empty()) {
+            out += " ";
+        }
+        const size_t number = i + 1;
+        if (number == 2) {
+            out += "required";
+        } else if (number == 3) {
+            // A third field that is not the module is the second word of a
+            // bracketed control such as "[success=1 default=ignore]".
+            if (fields[i].find(pam_unix_module) != std::string::npos) {
+                out += fields[i];
+            } else {
+                dropped = true;
+            }
+        } else {
+            out += fields[i];
+        }
+    }
+    return dropped;
+}
+
+bool TwoFactorAuthenticationTask::GeneratePamBm(const std::string& originName)
+{
+    const std::string originPath = pamDir + originName;
+    std::ifstream input(originPath);
+    if (!input.is_open()) {
+        const int openErrno = errno;
+        TFA_LOG_ERROR("Open origin pam config file(%s) failed, errno(%d).", originPath, openErrno);
+        return false;
+    }
+    std::string output;
+    bool inserted = false;
+    std::string line;
+    while (std::getline(input, line)) {
+        if (line.empty()) {
+            output += "\n";
+            continue;
+        }
+        SDK::StrUtils::Trim(line);
+        if (!inserted && StartsWith(line, "auth") && line.find(pam_unix_module, 4) != std::string::npos) {
+            // pam_unix becomes "required" so that a right password alone no
+            // longer ends the stack; our module follows it. Where pam_unix had
+            // a "skip the next line" control, the stack below expects that
+            // jump, so our line takes it over.
+            std::string out;
+            const bool dropped = ReplaceSufficientToRequired(line, out);
+            out += "\n";
+            out += dropped ? pam_line_skip_form : pam_line_sufficient_form;
+            out += GenerateParameters();
+            out += "\n";
+            output += out;
+            inserted = true;
+            continue;
+        }
+        output += line;
+        output += "\n";
+    }
+    input.close();
+
+    // Without a pam_unix auth line there is nowhere to put the module; the
+    // caller reports it. An include file of an earlier run stays untouched.
+    if (!inserted) {
+        return false;
+    }
+    int openErrno = 0;
+    if (!OverwriteFile(pamIncludePath, output, openErrno)) {
+        TFA_LOG_ERROR("Open pam bm config file(%s) failed, errno(%d).", pamIncludePath, openErrno);
+        return false;
+    }
+    return true;
+}
 
 // ---------------------------------------------------------------------------
 // PAM service file switching
 // ---------------------------------------------------------------------------
 
-bool TwoFactorAuthenticationTask::SwitchAuth(bool) { return false; }
-bool TwoFactorAuthenticationTask::Handline(std::string&, bool, int&, std::string&) { return false; }
-int TwoFactorAuthenticationTask::EnableAuth(const std::string&, std::string&, std::string&) { return -1; }
-int TwoFactorAuthenticationTask::DisableAuth(const std::string&, std::string&) { return 0; }
+namespace {
+
+const std::string pam_origin_password_auth = "password-auth";
+const std::string pam_origin_common_auth = "common-auth";
+const std::string pam_include_name = "brackmoor-auth";
+
+bool IsOriginName(const std::string& name)
+{
+    return name == pam_origin_password_auth || name == pam_origin_common_auth;
+}
+
+} // namespace
+
+bool TwoFactorAuthenticationTask::SwitchAuth(bool on)
+{
+    std::ifstream input(pamSshdPath);
+    if (!input.is_open()) {
+        const int openErrno = errno;
+        TFA_LOG_ERROR("Open pam sshd config(%s) failed, errno(%d).", pamSshdPath, openErrno);
+        return false;
+    }
+    int switchState = 0;
+    std::string output;
+    std::string line;
+    while (std::getline(input, line)) {
+        if (line.empty()) {
+            output += "\n";
+            continue;
+        }
+        if (!Handline(line, on, switchState, output)) {
+            break;
+        }
+    }
+    input.close();
+
+    // Written back only when the whole file was recognised: switching on met
+    // no abnormal or already switched include line, switching off found both
+    // the commented original and the added line.
+    if ((on && switchState == 0) || (!on && switchState == 3)) {
+        int openErrno = 0;
+        if (!OverwriteFile(pamSshdPath, output, openErrno)) {
+            TFA_LOG_ERROR("Open pam sshd config file(%s) failed, errno(%d).", pamSshdPath, openErrno);
+            return false;
+        }
+        return true;
+    }
+    if (switchState == 1) {
+        // Already in the wanted shape as far as can be told: the caller goes
+        // on as if this call had made the switch.
+        TFA_LOG_WARNING("Pam sshd config file has been modified.");
+        return true;
+    }
+    return false;
+}
+
+bool TwoFactorAuthenticationTask::Handline(std::string& line, bool on, int& switchState, std::string& output)
+{
+    SDK::StrUtils::Trim(line);
+    const size_t includePos = line.find("-auth");
+    // Include lines name a stack ending in "-auth"; "-auth" at the very start
+    // is PAM's "ignore if the module is missing" prefix, not such a name.
+    if (includePos == std::string::npos || includePos < 2) {
+        output += line + "\n";
+        return true;
+    }
+    if (on) {
+        // Only auth lines (substack/include style) and "@include" directives
+        // pull in the auth stack; everything else, comments included, stays.
+        if (!StartsWith(line, "@") && !StartsWith(line, "auth")) {
+            output += line + "\n";
+            return true;
+        }
+        std::string commentedLine;
+        std::string newLine;
+        switchState = EnableAuth(line, commentedLine, newLine);
+        if (switchState == 1 || switchState == -1) {
+            return false;
+        }
+        output += commentedLine + "\n";
+        if (!newLine.empty()) {
+            output += newLine + "\n";
+        }
+        return true;
+    }
+    if (switchState == 3) {
+        output += line + "\n";
+        return true;
+    }
+    std::string restoredLine;
+    switchState |= DisableAuth(line, restoredLine);
+    if ((switchState & 1) == 0) {
+        output += (restoredLine.empty() ? line : restoredLine) + "\n";
+    }
+    // Once the added line is gone, later include lines are dropped until the
+    // restore is complete; in the order switching on writes, nothing is.
+    return true;
+}
+
+int TwoFactorAuthenticationTask::EnableAuth(const std::string& line, std::string& commentedLine, std::string& newLine)
+{
+    commentedLine = "#" + line;
+    std::vector<std::string> fields;
+    SDK::StrUtils::Split(line, field_separators, fields);
+    if (fields.size() >= 2 && fields.back() == pam_include_name) {
+        return 1;
+    }
+    int result = 2;
+    for (size_t i = 0; i < fields.size(); ++i) {
+        const std::string& field = fields[i];
+        if (field.empty()) {
+            continue;
+        }
+        if (!newLine.empty()) {
+            newLine += "\t";
+        }
+        if (i + 1 < fields.size()) {
+            newLine += field;
+        } else if (IsOriginName(field)) {
+            if (!GeneratePamBm(field)) {
+                TFA_LOG_ERROR("Generate pam bm config file failed.");
+                return -1;
+            }
+            newLine += pam_include_name;
+            result = 0;
+        } else {
+            // An auth stack the module does not know how to wrap.
+            TFA_LOG_ERROR("Pam sshd config abnormal.");
+            return -1;
+        }
+    }
+    return result;
+}
+
+int TwoFactorAuthenticationTask::DisableAuth(const std::string& line, std::string& restoredLine)
+{
+    restoredLine = line;
+    std::vector<std::string> fields;
+    SDK::StrUtils::Split(line, field_separators, fields);
+    if (fields.empty() || fields.back().empty()) {
+        return 0;
+    }
+    const std::string& last = fields.back();
+    if (IsOriginName(last)) {
+        if (StartsWith(line, "#")) {
+            restoredLine = line.substr(1);
+            return 2;
+        }
+        return 0;
+    }
+    if (last == pam_include_name) {
+        restoredLine.clear();
+        return 1;
+    }
+    return 0;
+}
 
 // ---------------------------------------------------------------------------
 // PAM module installation and activation
 // ---------------------------------------------------------------------------
 
-bool TwoFactorAuthenticationTask::OpenPam() { authEnabled = false; return false; }
-bool TwoFactorAuthenticationTask::CopyAuthModule() { return false; }
-void TwoFactorAuthenticationTask::DeleteAuthModule() {}
+namespace {
+
+// System PAM module directories, tried in this order; the module goes into
+// every one that exists so that any architecture's sshd finds it.
+const char* const pam_module_dirs[] = {
+    "/lib/x86_64-linux-gnu/security/",
+    "/lib/i386-linux-gnu/security/",
+    "/lib64/security/",
+    "/lib/security/",
+    "/lib/aarch64-linux-gnu/security/",
+};
+const std::string pam_module_source = "module/pam_brackmoor.so";
+const std::string pam_module_file = "pam_brackmoor.so";
+const long pam_module_max_size = 10485760;
+// Owner rwx, others r-x, group nothing: the installed mode of the module.
+const mode_t pam_module_mode = 0705;
+
+} // namespace
+
+bool TwoFactorAuthenticationTask::OpenPam()
+{
+    if (!IsUsePamAndPwdAuth()) {
+        TFA_LOG_ERROR("Not use pam or pwd auth or permit empty pwd, two-factor authentication cannot be used.");
+        authEnabled = false;
+        return false;
+    }
+    if (!CopyAuthModule()) {
+        TFA_LOG_ERROR("Copy auth module failed, two-factor authentication cannot be used.");
+        authEnabled = false;
+        return false;
+    }
+    if (!SwitchAuth(true)) {
+        TFA_LOG_ERROR("Switch on auth config failed, two-factor authentication cannot be used.");
+        // The service file was not written, so nothing names the copies. The
+        // include file may have been generated; it is left for the next run,
+        // which writes it anew.
+        DeleteAuthModule();
+        authEnabled = false;
+        return false;
+    }
+    if (SwitchSshdConfig(true)) {
+        return true;
+    }
+    TFA_LOG_ERROR("Switch on sshd challenge config failed, two-factor authentication cannot be used.");
+    if (SwitchAuth(false)) {
+        SDK::FileUtils::DeleteFile(pamIncludePath);
+        DeleteAuthModule();
+    } else {
+        // The service file may still include our file, which calls the
+        // module: removing either would break every sshd login.
+        TFA_LOG_ERROR("Switch off auth config failed.");
+    }
+    authEnabled = false;
+    return false;
+}
+
+bool TwoFactorAuthenticationTask::CopyAuthModule()
+{
+    std::string installationPath;
+    if (SDK::PathUtils::GetInstallationPath(installationPath) != 0) {
+        TFA_LOG_ERROR("Get install path failed, copy auth module failed.");
+        return false;
+    }
+    const std::string source = installationPath + pam_module_source;
+    installedModulePaths.clear();
+    bool anyInstalled = false;
+    for (const char* dirText : pam_module_dirs) {
+        const std::string dir = dirText;
+        if (!SDK::DirUtils::IsDir(dir)) {
+            continue;
+        }
+        const std::string destination = dir + pam_module_file;
+        const int result = SDK::FileUtils::CopyFile(source, destination, pam_module_max_size);
+        if (result != 0) {
+            const int copyErrno = errno;
+            TFA_LOG_ERROR("Copy pam module to (%s) failed, result(%d), errno(%d).", dir, result, copyErrno);
+            continue;
+        }
+        if (chmod(destination.c_str(), pam_module_mode) == -1) {
+            // The copy stays but is not recorded, so it is never removed by us.
+            const int chmodErrno = errno;
+            TFA_LOG_ERROR("Chmod file(%s) failed, errno(%d).", destination, chmodErrno);
+            continue;
+        }
+        installedModulePaths.push_back(destination);
+        TFA_LOG_INFO("Copy pam module to (%s) success.", dir);
+        anyInstalled = true;
+    }
+    return anyInstalled;
+}
+
+void TwoFactorAuthenticationTask::DeleteAuthModule()
+{
+    for (const std::string& path : installedModulePaths) {
+        if (SDK::FileUtils::DeleteFile(path) != 0) {
+            const int deleteErrno = errno;
+            TFA_LOG_ERROR("Delete pam module(%s) failed, errno(%d).", path, deleteErrno);
+        }
+    }
+    installedModulePaths.clear();
+}
 
 // ---------------------------------------------------------------------------
 // Verification service client
