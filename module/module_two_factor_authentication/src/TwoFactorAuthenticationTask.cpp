@@ -160,26 +160,30 @@ void TwoFactorAuthenticationTask::UnInit()
 // PAM IPC server
 // ---------------------------------------------------------------------------
 
+namespace {
+
 // The PAM module addresses the server by this abstract name. The leading "@"
 // is replaced by NUL, and the literal's own terminating NUL belongs to the
 // name: 26 bytes of sun_path, 28 bytes of address in all.
-static const char ipc_server_name[] = "@PAM_BRACKMOOR_IPC_SERVER";
-static const socklen_t ipc_server_addr_len = 28;
+const char ipc_server_name[] = "@PAM_BRACKMOOR_IPC_SERVER";
+const socklen_t ipc_server_addr_len = 28;
 static_assert(offsetof(struct sockaddr_un, sun_path) + sizeof(ipc_server_name) == ipc_server_addr_len,
               "the abstract name is sun_family plus 26 bytes");
 
 // Longest request read; the last byte of the buffer is always forced to NUL.
-static const size_t ipc_request_buffer_size = 256;
+const size_t ipc_request_buffer_size = 256;
 // "-2147483648" and its NUL.
-static const size_t ipc_reply_buffer_size = 12;
+const size_t ipc_reply_buffer_size = 12;
 // Bounds the blocking socket calls themselves, not the service calls behind them.
-static const time_t ipc_socket_timeout_seconds = 10;
+const time_t ipc_socket_timeout_seconds = 10;
 
 // Request types of the PAM module.
-static const int ipc_request_check_contact = 1;
-static const int ipc_request_verification_code = 2;
+const int ipc_request_check_contact = 1;
+const int ipc_request_verification_code = 2;
 // Reply to every request that cannot be answered.
-static const int ipc_reply_failure = 3;
+const int ipc_reply_failure = 3;
+
+} // namespace
 
 bool TwoFactorAuthenticationTask::CreateIPC()
 {
@@ -878,24 +882,24 @@ void TwoFactorAuthenticationTask::DeleteAuthModule()
 // Verification service client
 // ---------------------------------------------------------------------------
 
+namespace {
+
 // The HTTP client puts the configured service endpoint in place of SERVICE_ADDRESS.
-static const std::string service_comm_list_url = https_scheme + "SERVICE_ADDRESS/tfa_phone_num";
-static const std::string service_vcode_url = https_scheme + "SERVICE_ADDRESS/tfa_code";
+const std::string service_comm_list_url = https_scheme + "SERVICE_ADDRESS/tfa_phone_num";
+const std::string service_vcode_url = https_scheme + "SERVICE_ADDRESS/tfa_code";
 // Passed as the last argument of every service call.
-static const int http_status_ok = 200;
+const int http_status_ok = 200;
 // Input bound for the contact hash.
-static const long comm_hash_max_input = 10240;
+const long comm_hash_max_input = 10240;
 // Most contact hashes kept from one response.
-static const Json::ArrayIndex comm_list_max_size = 32;
+const Json::ArrayIndex comm_list_max_size = 32;
 
 // Contact check results.
-static const int comm_mode_listed = 1;
-static const int comm_mode_not_listed = 2;
-static const int comm_mode_unchecked = 3;
+const int comm_mode_listed = 1;
+const int comm_mode_not_listed = 2;
+const int comm_mode_unchecked = 3;
 // Reply to a code request that did not produce a code.
-static const int vcode_failure = 3;
-
-namespace {
+const int vcode_failure = 3;
 
 // Both service calls identify the agent the same way; the token is read
 // anew for every request so that a rotated one takes effect at once.
