@@ -1,0 +1,224 @@
+#include "SDK/HttpUtils.h"
+
+#include <exception>
+#include <istream>
+#include <memory>
+#include <ostream>
+
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/HTTPSClientSession.h>
+#include <Poco/URI.h>
+
+#include "Framework/ConfigManager.h"
+#include "SdkLog.h"
+#include "TlsContextFactory.h"
+
+namespace SDK {
+
+namespace {
+
+const char* const kAddressToken = "SERVICE_ADDRESS";
+// Bodies of the verification service are small; a larger one is refused
+// instead of growing the agent without bound.
+const std::streamsize kMaxResponseBytes = 16 * 1024 * 1024;
+
+/// A request that failed before or without a response: the reason is logged
+/// once, by the caller, with the target.
+struct TransportError {
+    std::string reason;
+};
+
+/// `url` with the service address in place of its placeholder and the
+/// URL-encoded query parameters appended.
+Poco::URI BuildUri(const std::string& url, const std::map<std::string, std::string>& params)
+{
+    std::string target = url;
+    const std::string::size_type token = target.find(kAddressToken);
+    if (token != std::string::npos) {
+        const std::string address = Framework::ConfigManager::GetInstance()->GetServiceAddress();
+        if (address.empty()) {
+            throw TransportError{"no service address configured"};
+        }
+        target.replace(token, std::char_traits<char>::length(kAddressToken), address);
+    }
+    Poco::URI uri(target);
+    if (uri.getScheme() != "https" && uri.getScheme() != "http") {
+        throw TransportError{"unsupported scheme"};
+    }
+    for (const auto& param : params) {
+        uri.addQueryParameter(param.first, param.second);
+    }
+    return uri;
+}
+
+/// The URL without its query, for log records (the query is the caller's).
+std::string Describe(const std::string& method, const std::string& url)
+{
+    return method + " " + url.substr(0, url.find('?'));
+}
+
+bool HasLineBreak(const std::string& text)
+{
+    return text.find_first_of("\r\n") != std::string::npos;
+}
+
+/// The request line and headers; a header that would split the request is refused.
+Poco::Net::HTTPRequest BuildRequest(const std::string& method, const Poco::URI& uri,
+                                    const std::map<std::string, std::string>& headers, const std::string* body)
+{
+    std::string path = uri.getPathAndQuery();
+    Poco::Net::HTTPRequest request(method, path.empty() ? "/" : path, Poco::Net::HTTPMessage::HTTP_1_1);
+    for (const auto& header : headers) {
+        if (header.first.empty() || HasLineBreak(header.first) || HasLineBreak(header.second)) {
+            throw TransportError{"invalid request header"};
+        }
+        request.set(header.first, header.second);
+    }
+    if (body != nullptr) {
+        request.setContentLength(static_cast<std::streamsize>(body->size()));
+    }
+    request.setKeepAlive(false);
+    return request;
+}
+
+/// A session towards the URI's host, with time-outs and proxy from the
+/// configuration only (never from the environment or a process-wide default).
+std::unique_ptr<Poco::Net::HTTPClientSession> OpenSession(const Poco::URI& uri,
+                                                          const Poco::Net::Context::Ptr& context)
+{
+    const Framework::ConfigManager* config = Framework::ConfigManager::GetInstance();
+    std::unique_ptr<Poco::Net::HTTPClientSession> session;
+    if (uri.getScheme() == "https") {
+        session.reset(new Poco::Net::HTTPSClientSession(uri.getHost(), uri.getPort(), context));
+    } else {
+        session.reset(new Poco::Net::HTTPClientSession(uri.getHost(), uri.getPort()));
+    }
+    session->setProxyConfig(Poco::Net::HTTPClientSession::ProxyConfig());
+    const std::string proxyHost = config->GetProxyHost();
+    if (!proxyHost.empty()) {
+        session->setProxy(proxyHost, static_cast<Poco::UInt16>(config->GetProxyPort()));
+    }
+    const Poco::Timespan connectTimeout(config->GetConnectTimeout(), 0);
+    const Poco::Timespan readTimeout(config->GetReadTimeout(), 0);
+    session->setTimeout(connectTimeout, readTimeout, readTimeout);
+    session->setKeepAlive(false);
+    return session;
+}
+
+/// Reads the response body, at most kMaxResponseBytes.
+void ReadBody(std::istream& in, std::string& body)
+{
+    // Failures of the underlying socket (time-outs) surface as exceptions.
+    in.exceptions(std::ios::badbit);
+    char buffer[8192];
+    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
+        if (static_cast<std::streamsize>(body.size()) + in.gcount() > kMaxResponseBytes) {
+            throw TransportError{"response body too large"};
+        }
+        body.append(buffer, static_cast<size_t>(in.gcount()));
+    }
+}
+
+void CopyHeaders(const Poco::Net::HTTPResponse& response, std::map<std::string, std::string>& out)
+{
+    for (const auto& header : response) {
+        auto inserted = out.emplace(header.first, header.second);
+        if (!inserted.second) {
+            inserted.first->second += ", " + header.second;
+        }
+    }
+}
+
+} // namespace
+
+HttpUtils* HttpUtils::GetInstance()
+{
+    static HttpUtils instance;
+    return &instance;
+}
+
+int HttpUtils::Get(const std::string& url, const std::map<std::string, std::string>& params,
+                   const std::map<std::string, std::string>& headers,
+                   std::map<std::string, std::string>& responseHeaders, std::string& responseBody,
+                   int expectedStatus)
+{
+    return Send(Poco::Net::HTTPRequest::HTTP_GET, url, params, headers, nullptr, responseHeaders, responseBody,
+                expectedStatus);
+}
+
+int HttpUtils::Post(const std::string& url, const std::map<std::string, std::string>& params,
+                    const std::map<std::string, std::string>& headers, const std::string& body,
+                    std::map<std::string, std::string>& responseHeaders, std::string& responseBody,
+                    int expectedStatus)
+{
+    return Send(Poco::Net::HTTPRequest::HTTP_POST, url, params, headers, &body, responseHeaders, responseBody,
+                expectedStatus);
+}
+
+void HttpUtils::Reset()
+{
+    std::lock_guard<std::mutex> guard(lock);
+    context.reset();
+    contextCaFile.clear();
+}
+
+int HttpUtils::Send(const std::string& method, const std::string& url,
+                    const std::map<std::string, std::string>& params,
+                    const std::map<std::string, std::string>& headers, const std::string* body,
+                    std::map<std::string, std::string>& responseHeaders, std::string& responseBody,
+                    int expectedStatus)
+{
+    responseHeaders.clear();
+    responseBody.clear();
+    std::string reason;
+    try {
+        const Poco::URI uri = BuildUri(url, params);
+        Poco::Net::HTTPRequest request = BuildRequest(method, uri, headers, body);
+        Poco::Net::Context::Ptr tls;
+        if (uri.getScheme() == "https") {
+            const std::string caFile = Framework::ConfigManager::GetInstance()->GetCaFile();
+            std::lock_guard<std::mutex> guard(lock);
+            if (!context || contextCaFile != caFile) {
+                // The shared pointer owns one reference of the counted context.
+                Poco::Net::Context::Ptr created = TlsContextFactory::CreateClientContext(caFile);
+                created->duplicate();
+                context.reset(created.get(), [](Poco::Net::Context* c) { c->release(); });
+                contextCaFile = caFile;
+            }
+            tls = Poco::Net::Context::Ptr(context.get(), true);
+        }
+        std::unique_ptr<Poco::Net::HTTPClientSession> session = OpenSession(uri, tls);
+        std::ostream& out = session->sendRequest(request);
+        if (body != nullptr) {
+            out.write(body->data(), static_cast<std::streamsize>(body->size()));
+        }
+        if (!out) {
+            throw TransportError{"sending the request failed"};
+        }
+        Poco::Net::HTTPResponse response;
+        std::istream& in = session->receiveResponse(response);
+        CopyHeaders(response, responseHeaders);
+        ReadBody(in, responseBody);
+        const int status = static_cast<int>(response.getStatus());
+        if (status != expectedStatus) {
+            SDK_LOG_WARNING("HTTP " + Describe(method, url) + " answered status(" + std::to_string(status) + ").");
+        }
+        return status;
+    } catch (const TransportError& e) {
+        reason = e.reason;
+    } catch (const Poco::Exception& e) {
+        reason = e.displayText();
+    } catch (const std::exception& e) {
+        reason = e.what();
+    } catch (...) {
+        reason = "unknown failure";
+    }
+    responseHeaders.clear();
+    responseBody.clear();
+    SDK_LOG_ERROR("HTTP " + Describe(method, url) + " failed: " + reason + ".");
+    return -1;
+}
+
+} // namespace SDK
