@@ -53,10 +53,10 @@ Poco::URI BuildUri(const std::string& url, const std::map<std::string, std::stri
     return uri;
 }
 
-/// The URL without its query, for log records (the query is the caller's).
-std::string Describe(const std::string& method, const std::string& url)
+/// The target without its query, for log records.
+std::string Describe(const std::string& method, const std::string& target)
 {
-    return method + " " + url.substr(0, url.find('?'));
+    return method + " " + target.substr(0, target.find('?'));
 }
 
 bool HasLineBreak(const std::string& text)
@@ -173,8 +173,10 @@ int HttpUtils::Send(const std::string& method, const std::string& url,
     responseHeaders.clear();
     responseBody.clear();
     std::string reason;
+    std::string target = url;
     try {
         const Poco::URI uri = BuildUri(url, params);
+        target = uri.getScheme() + "://" + uri.getAuthority() + uri.getPath();
         Poco::Net::HTTPRequest request = BuildRequest(method, uri, headers, body);
         Poco::Net::Context::Ptr tls;
         if (uri.getScheme() == "https") {
@@ -203,7 +205,7 @@ int HttpUtils::Send(const std::string& method, const std::string& url,
         ReadBody(in, responseBody);
         const int status = static_cast<int>(response.getStatus());
         if (status != expectedStatus) {
-            SDK_LOG_WARNING("HTTP " + Describe(method, url) + " answered status(" + std::to_string(status) + ").");
+            SDK_LOG_WARNING("HTTP " + Describe(method, target) + " answered status(" + std::to_string(status) + ").");
         }
         return status;
     } catch (const TransportError& e) {
@@ -217,7 +219,7 @@ int HttpUtils::Send(const std::string& method, const std::string& url,
     }
     responseHeaders.clear();
     responseBody.clear();
-    SDK_LOG_ERROR("HTTP " + Describe(method, url) + " failed: " + reason + ".");
+    SDK_LOG_ERROR("HTTP " + Describe(method, target) + " failed: " + reason + ".");
     return -1;
 }
 
