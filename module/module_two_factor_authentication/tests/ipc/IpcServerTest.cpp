@@ -19,6 +19,7 @@
 #include "Framework/ConfigManager.h"
 #include "Framework/EventWaiter.h"
 #include "IpcClient.h"
+#include "FakeVerificationService.h"
 #include "LogCapture.h"
 #include "TwoFactorAuthenticationTask.h"
 

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "HttpsTestServer.h"
-#include "TempDir.h"
-#include "TestCertificates.h"
+#include "TestSupport/HttpsTestServer.h"
+#include "TestSupport/TempDir.h"
+#include "TestSupport/TestCertificates.h"
 
 namespace TfaTest {
 

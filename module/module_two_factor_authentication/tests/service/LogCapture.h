@@ -7,7 +7,7 @@
 #include <Poco/Channel.h>
 #include <Poco/Message.h>
 
-#include "CapturingChannel.h"
+#include "TestSupport/CapturingChannel.h"
 
 namespace TfaTest {
 

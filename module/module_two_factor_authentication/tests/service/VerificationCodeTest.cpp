@@ -176,7 +176,8 @@ INSTANTIATE_TEST_SUITE_P(
                    "Get comm_list failed, response is ({\"verification_code\":\"5678\"}).", kOldList},
         AnswerCase{"empty_comm_list", 200, "{\"comm_list\":[],\"verification_code\":\"5678\"}", kFailure,
                    Message::PRIO_WARNING, "Comm list response is empty.", kOldList},
-        AnswerCase{"not_json", 200, "5678", kFailure, Message::PRIO_ERROR, "Parse response(5678) failed.", kOldList},
+        AnswerCase{"not_json", 200, "code 5678", kFailure, Message::PRIO_ERROR, "Parse response(code 5678) failed.",
+                   kOldList},
         AnswerCase{"status_500", 500, WithCode("\"verification_code\":\"5678\""), kFailure, Message::PRIO_ERROR,
                    "Get vcode failed, http error code(500).", kOldList}),
     [](const testing::TestParamInfo<AnswerCase>& info) { return info.param.name; });
