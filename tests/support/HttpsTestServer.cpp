@@ -142,7 +142,8 @@ bool HttpsTestServer::Start(std::string& error)
         return false;
     }
     try {
-        Poco::Net::initializeSSL();
+        static std::once_flag sslReady;
+        std::call_once(sslReady, [] { Poco::Net::initializeSSL(); });
         Poco::Net::Context::Ptr context(new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, keyFile,
                                                                certFile, "", Poco::Net::Context::VERIFY_NONE));
         Poco::Net::SecureServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0), 64, context);

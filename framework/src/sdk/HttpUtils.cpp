@@ -131,6 +131,39 @@ void CopyHeaders(const Poco::Net::HTTPResponse& response, std::map<std::string, 
     }
 }
 
+/// The client context for `caFile`, made anew when the file named changed
+/// (or after Reset). The shared pointer owns one reference of the counted
+/// context; sessions hold their own.
+Poco::Net::Context::Ptr CachedContext(const std::string& caFile, std::string& cachedFile,
+                                      std::shared_ptr<Poco::Net::Context>& cached)
+{
+    if (!cached || cachedFile != caFile) {
+        Poco::Net::Context::Ptr created = TlsContextFactory::CreateClientContext(caFile);
+        created->duplicate();
+        cached.reset(created.get(), [](Poco::Net::Context* c) { c->release(); });
+        cachedFile = caFile;
+    }
+    return Poco::Net::Context::Ptr(cached.get(), true);
+}
+
+/// Sends `request` with `body` and reads the answer; the HTTP status.
+int Exchange(Poco::Net::HTTPClientSession& session, Poco::Net::HTTPRequest& request, const std::string* body,
+             std::map<std::string, std::string>& responseHeaders, std::string& responseBody)
+{
+    std::ostream& out = session.sendRequest(request);
+    if (body != nullptr) {
+        out.write(body->data(), static_cast<std::streamsize>(body->size()));
+    }
+    if (!out) {
+        throw TransportError{"sending the request failed"};
+    }
+    Poco::Net::HTTPResponse response;
+    std::istream& in = session.receiveResponse(response);
+    CopyHeaders(response, responseHeaders);
+    ReadBody(in, responseBody);
+    return static_cast<int>(response.getStatus());
+}
+
 } // namespace
 
 HttpUtils* HttpUtils::GetInstance()
@@ -182,28 +215,10 @@ int HttpUtils::Send(const std::string& method, const std::string& url,
         if (uri.getScheme() == "https") {
             const std::string caFile = Framework::ConfigManager::GetInstance()->GetCaFile();
             std::lock_guard<std::mutex> guard(lock);
-            if (!context || contextCaFile != caFile) {
-                // The shared pointer owns one reference of the counted context.
-                Poco::Net::Context::Ptr created = TlsContextFactory::CreateClientContext(caFile);
-                created->duplicate();
-                context.reset(created.get(), [](Poco::Net::Context* c) { c->release(); });
-                contextCaFile = caFile;
-            }
-            tls = Poco::Net::Context::Ptr(context.get(), true);
+            tls = CachedContext(caFile, contextCaFile, context);
         }
         std::unique_ptr<Poco::Net::HTTPClientSession> session = OpenSession(uri, tls);
-        std::ostream& out = session->sendRequest(request);
-        if (body != nullptr) {
-            out.write(body->data(), static_cast<std::streamsize>(body->size()));
-        }
-        if (!out) {
-            throw TransportError{"sending the request failed"};
-        }
-        Poco::Net::HTTPResponse response;
-        std::istream& in = session->receiveResponse(response);
-        CopyHeaders(response, responseHeaders);
-        ReadBody(in, responseBody);
-        const int status = static_cast<int>(response.getStatus());
+        const int status = Exchange(*session, request, body, responseHeaders, responseBody);
         if (status != expectedStatus) {
             SDK_LOG_WARNING("HTTP " + Describe(method, target) + " answered status(" + std::to_string(status) + ").");
         }

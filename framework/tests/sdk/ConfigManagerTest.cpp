@@ -1,0 +1,142 @@
+#include <gtest/gtest.h>
+
+#include "Framework/ConfigManager.h"
+#include "TestSupport/TempDir.h"
+
+namespace {
+
+using Framework::ConfigManager;
+
+const std::string kValid =
+    "; agent configuration\n"
+    "[agent]\n"
+    "id = agent-1\n"
+    "\n"
+    "[service]\n"
+    "# the verification service\n"
+    "address = verify.example:8443\n"
+    "ca_file = /etc/brackmoor/ca.pem\n"
+    "auth_token_file = /etc/brackmoor/token\n";
+
+/// kValid without the line that starts with `key`, plus `extra` at the end.
+std::string Variant(const std::string& key, const std::string& extra = "")
+{
+    std::string text = kValid;
+    if (!key.empty()) {
+        const std::string::size_type at = text.find(key);
+        text.erase(at, text.find('\n', at) + 1 - at);
+    }
+    return text + extra;
+}
+
+class ConfigManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(dir.Ok()); }
+
+    /// Loads `text` from a file; the error message with the file name cut off.
+    std::string LoadError(const std::string& text)
+    {
+        const std::string path = dir.Write("agent.ini", text);
+        std::string error;
+        if (ConfigManager::GetInstance()->Load(path, error) == 0) {
+            return "loaded";
+        }
+        EXPECT_EQ(0u, error.find(path + ": ")) << error;
+        return error.substr(path.size() + 2);
+    }
+
+    TestSupport::TempDir dir;
+};
+
+TEST_F(ConfigManagerTest, EveryMissingOrBadKeyIsNamed)
+{
+    struct Case {
+        std::string text;
+        std::string error;
+    } cases[] = {
+        {kValid, "loaded"},
+        {Variant("id ="), "missing key agent.id"},
+        {Variant("address ="), "missing key service.address"},
+        {Variant("ca_file ="), "missing key service.ca_file"},
+        {Variant("auth_token_file ="), "missing key service.auth_token_file"},
+        {Variant("id =", "[agent]\nid =\n"), "missing key agent.id"},
+        {Variant("", "read_timeout = abc\n"), "bad value for service.read_timeout: 'abc' (1..300)"},
+        {Variant("", "read_timeout = 0\n"), "bad value for service.read_timeout: '0' (1..300)"},
+        {Variant("", "read_timeout = 301\n"), "bad value for service.read_timeout: '301' (1..300)"},
+        {Variant("", "read_timeout = 300\n"), "loaded"},
+        {Variant("", "connect_timeout = 10s\n"), "bad value for service.connect_timeout: '10s' (1..300)"},
+        {Variant("", "proxy_host = proxy:8080\n"), "bad value for service.proxy_host: 'proxy:8080' (host name or IPv4 address)"},
+        {Variant("", "proxy_port = 70000\n"), "bad value for service.proxy_port: '70000' (1..65535)"},
+        {Variant("address =", "address = verify.example:0\n"), "bad value for service.address: 'verify.example:0' (host[:port])"},
+        {Variant("address =", "address = https://verify.example\n"), "bad value for service.address: 'https://verify.example' (host[:port])"},
+        {Variant("address =", "address = ::1\n"), "bad value for service.address: '::1' (host[:port])"},
+        {Variant("address =", "address = [::1]:8443\n"), "loaded"},
+        {Variant("ca_file =", "ca_file = ca.pem\n"), "bad value for service.ca_file: 'ca.pem' (absolute path)"},
+        {Variant("", "[agent]\ninstallation_path = opt\n"), "bad value for agent.installation_path: 'opt' (absolute path)"},
+        {Variant("", "[log]\nlevel = loud\n"), "bad value for log.level: 'loud' (fatal..trace or 1..8)"},
+        {Variant("", "[log]\nlevel = 7\ndir = /var/log/x\n"), "loaded"},
+        {Variant("", "just words\n"), "malformed: line 10: expected key = value"},
+        {"[agent\nid = x\n", "malformed: line 1: expected [section]"},
+        {"= value\n", "malformed: line 1: expected key = value"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.error, LoadError(c.text)) << c.text;
+    }
+}
+
+TEST_F(ConfigManagerTest, UnreadableFileIsReported)
+{
+    std::string error;
+    const std::string path = dir.File("absent.ini");
+    EXPECT_NE(0, ConfigManager::GetInstance()->Load(path, error));
+    EXPECT_EQ(path + ": cannot read: No such file or directory", error);
+}
+
+TEST_F(ConfigManagerTest, LoadedValuesDefaultsAndAFailedReloadKeepsThem)
+{
+    ASSERT_EQ("loaded", LoadError(Variant("", "proxy_host = proxy.example\n")));
+    ConfigManager* config = ConfigManager::GetInstance();
+    EXPECT_EQ("agent-1", config->GetAgentId());
+    EXPECT_EQ("verify.example:8443", config->GetServiceAddress());
+    EXPECT_EQ("/etc/brackmoor/ca.pem", config->GetCaFile());
+    EXPECT_EQ("/etc/brackmoor/token", config->GetAuthTokenFile());
+    EXPECT_EQ("/opt/brackmoor/", config->GetInstallationPath());
+    EXPECT_EQ(10, config->GetConnectTimeout());
+    EXPECT_EQ(10, config->GetReadTimeout());
+    EXPECT_EQ("proxy.example", config->GetProxyHost());
+    EXPECT_EQ(3128, config->GetProxyPort());
+    EXPECT_EQ("/var/log/brackmoor", config->GetLogDir());
+    EXPECT_EQ("information", config->GetLogLevel());
+    EXPECT_EQ(dir.File("agent.ini"), config->GetConfigPath());
+    EXPECT_EQ(-7, config->GetInt("nothing.here", -7));
+
+    EXPECT_EQ("missing key agent.id", LoadError(Variant("id =")));
+    EXPECT_EQ("agent-1", config->GetAgentId());
+    EXPECT_EQ(dir.File("agent.ini"), config->GetConfigPath());
+
+    config->Set("service.read_timeout", "abc");
+    EXPECT_EQ(10, config->GetReadTimeout()) << "an unusable value falls back to the default";
+    config->Set("service.read_timeout", "2");
+    EXPECT_EQ(2, config->GetReadTimeout());
+}
+
+TEST_F(ConfigManagerTest, InstancesAreProcessWide)
+{
+    EXPECT_EQ(ConfigManager::GetInstance(), ConfigManager::GetInstance());
+    EXPECT_EQ(Framework::CommAuthManager::GetInstance(), Framework::CommAuthManager::GetInstance());
+}
+
+TEST_F(ConfigManagerTest, AuthTokenIsTheTrimmedFirstLineReadOnEveryCall)
+{
+    const std::string tokenFile = dir.File("token");
+    ConfigManager::GetInstance()->Set("service.auth_token_file", tokenFile);
+    Framework::CommAuthManager* auth = Framework::CommAuthManager::GetInstance();
+
+    EXPECT_EQ("", auth->GetAuthToken()) << "no file yet";
+    dir.Write("token", "  first-token \r\nsecond line\n", 0600);
+    EXPECT_EQ("first-token", auth->GetAuthToken());
+    dir.Write("token", "rotated", 0600);
+    EXPECT_EQ("rotated", auth->GetAuthToken());
+}
+
+} // namespace
