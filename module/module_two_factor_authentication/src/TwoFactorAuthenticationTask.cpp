@@ -717,6 +717,7 @@ bool TwoFactorAuthenticationTask::Handline(std::string& line, bool on, int& swit
 int TwoFactorAuthenticationTask::EnableAuth(const std::string& line, std::string& commentedLine, std::string& newLine)
 {
     commentedLine = "#" + line;
+    newLine.clear();
     std::vector<std::string> fields;
     SDK::StrUtils::Split(line, field_separators, fields);
     if (fields.size() >= 2 && fields.back() == pam_include_name) {
@@ -725,6 +726,8 @@ int TwoFactorAuthenticationTask::EnableAuth(const std::string& line, std::string
     int result = 2;
     for (size_t i = 0; i < fields.size(); ++i) {
         const std::string& field = fields[i];
+        // Split yields no empty fields today; should it ever, they are not
+        // copied, while "last" still means the last element of the list.
         if (field.empty()) {
             continue;
         }
@@ -848,6 +851,9 @@ bool TwoFactorAuthenticationTask::CopyAuthModule()
             continue;
         }
         const std::string destination = dir + pam_module_file;
+        // CopyFile refuses a source above the bound and replaces the target
+        // by rename, so an sshd that has the old copy loaded keeps a valid
+        // file; the mode it gives is overridden right after.
         const int result = SDK::FileUtils::CopyFile(source, destination, pam_module_max_size);
         if (result != 0) {
             const int copyErrno = errno;
