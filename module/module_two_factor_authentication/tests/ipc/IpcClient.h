@@ -1,0 +1,50 @@
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <optional>
+#include <string>
+
+namespace TfaTest {
+
+/// The server's address exactly as the PAM module writes it: a NUL, the 24
+/// characters of the name and a trailing NUL, 28 bytes with the family.
+/// Built here independently of the server so that tests catch a server bound
+/// to any other spelling.
+struct sockaddr_un ServerAddress();
+constexpr socklen_t kServerAddressLength = 28;
+
+/// A client of the task's datagram server, as the PAM module is one: a socket
+/// of its own, bound to an abstract address of its own so that the server has
+/// somewhere to send the reply.
+class IpcClient {
+public:
+    IpcClient();
+    ~IpcClient();
+    IpcClient(const IpcClient&) = delete;
+    IpcClient& operator=(const IpcClient&) = delete;
+
+    /// False when the socket could not be made or bound; Error() says why.
+    bool Ok() const { return fd >= 0; }
+    const std::string& Error() const { return error; }
+
+    /// Sends `datagram` byte for byte (NULs included) to the server; 0 or errno.
+    int Send(const std::string& datagram);
+    /// Sends to a given address instead, for tests of the name itself; 0 or errno.
+    int SendTo(const std::string& datagram, const struct sockaddr_un& to, socklen_t toLength);
+    /// The next reply, all its bytes; nothing when none came within `timeoutMs`.
+    std::optional<std::string> Receive(int timeoutMs);
+    /// One request and its reply.
+    std::optional<std::string> Ask(const std::string& datagram, int timeoutMs = 5000);
+
+    /// The client's own abstract name (without the leading NUL).
+    const std::string& Name() const { return name; }
+
+private:
+    int fd = -1;
+    std::string name;
+    std::string error;
+};
+
+} // namespace TfaTest
