@@ -201,7 +201,7 @@ INSTANTIATE_TEST_SUITE_P(
         RequestCase{"empty_value", "1:", Reply("3"), -1},
         RequestCase{"colon_only", ":", Reply("3"), -1},
         RequestCase{"empty_datagram", "", Reply("3"), -1}),
-    [](const testing::TestParamInfo<RequestCase>& info) { return info.param.name; });
+    [](const testing::TestParamInfo<RequestCase>& row) { return row.param.name; });
 
 TEST_F(IpcServerTest, LogsTheMessageAtDebugAndRefusalsAtError)
 {

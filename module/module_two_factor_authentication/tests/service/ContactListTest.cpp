@@ -123,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(Ages, ContactListAgeTest,
                                          AgeCase{"zero_same_second", 0, 0, false},
                                          AgeCase{"zero_one_second", 0, 1, true},
                                          AgeCase{"negative_same_second", -1, 0, true}),
-                         [](const testing::TestParamInfo<AgeCase>& info) { return info.param.name; });
+                         [](const testing::TestParamInfo<AgeCase>& row) { return row.param.name; });
 
 // A refresh that fails answers 3 and leaves the old list unused, whatever it held.
 struct FailedRefreshCase {
@@ -170,7 +170,7 @@ INSTANTIATE_TEST_SUITE_P(
                           "Comm list response is empty.", false},
         FailedRefreshCase{"no_string_entry", 200, "{\"comm_list\":[1,2]}", Message::PRIO_WARNING,
                           "Comm list response is empty.", true}),
-    [](const testing::TestParamInfo<FailedRefreshCase>& info) { return info.param.name; });
+    [](const testing::TestParamInfo<FailedRefreshCase>& row) { return row.param.name; });
 
 TEST_F(ContactListTest, ChecksAgainWhenTheServiceRecovers)
 {

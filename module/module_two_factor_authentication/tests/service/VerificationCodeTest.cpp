@@ -114,7 +114,7 @@ INSTANTIATE_TEST_SUITE_P(Values, RandomNumberTest,
                                          RandomNumberCase{"leading_blank", " 42", 42},
                                          RandomNumberCase{"negative", "-7", -7},
                                          RandomNumberCase{"plus_sign", "+5", 5}),
-                         [](const testing::TestParamInfo<RandomNumberCase>& info) { return info.param.name; });
+                         [](const testing::TestParamInfo<RandomNumberCase>& row) { return row.param.name; });
 
 // What each answer of the service gives the PAM module, what is logged, and
 // what becomes of the cached list.
@@ -180,7 +180,7 @@ INSTANTIATE_TEST_SUITE_P(
                    kOldList},
         AnswerCase{"status_500", 500, WithCode("\"verification_code\":\"5678\""), kFailure, Message::PRIO_ERROR,
                    "Get vcode failed, http error code(500).", kOldList}),
-    [](const testing::TestParamInfo<AnswerCase>& info) { return info.param.name; });
+    [](const testing::TestParamInfo<AnswerCase>& row) { return row.param.name; });
 
 TEST_F(VerificationCodeTest, StalledServiceEndsAtTheReadTimeout)
 {
