@@ -40,7 +40,7 @@ int LocalFactor::Run(const std::string& user)
         log_.Rejected(std::string(reused ? "authenticator code used before" : "wrong authenticator code") +
                       " (" + AttemptText(attempt) + ")");
     }
-    user_.Warn(prompts::kTooManyTries);
+    user_.Refuse(prompts::kTooManyTries);
     log_.Refused(std::to_string(kMaxTries) + " wrong authenticator codes");
     return PAM_MAXTRIES;
 }
@@ -89,22 +89,22 @@ int LocalFactor::StoreFailed(StoreStatus status, const char* step)
     switch (status) {
     case StoreStatus::NotEnrolled:
     case StoreStatus::BadUser:
-        user_.Warn(prompts::kNotEnrolled);
+        user_.Refuse(prompts::kNotEnrolled);
         log_.Refused("no authenticator secret for this user in " + store_.Directory());
         return PAM_AUTH_ERR;
     case StoreStatus::Insecure:
-        user_.Warn(prompts::kAuthenticatorUnavailable);
+        user_.Refuse(prompts::kAuthenticatorUnavailable);
         log_.Unavailable(where + ": directory or file not root-only (owner root, directory 0700, file 0600)");
         return PAM_AUTHINFO_UNAVAIL;
     case StoreStatus::Corrupt:
-        user_.Warn(prompts::kAuthenticatorUnavailable);
+        user_.Refuse(prompts::kAuthenticatorUnavailable);
         log_.Unavailable(where + ": not a valid secret file");
         return PAM_AUTHINFO_UNAVAIL;
     case StoreStatus::IoError:
     case StoreStatus::Ok:
         break;
     }
-    user_.Warn(prompts::kAuthenticatorUnavailable);
+    user_.Refuse(prompts::kAuthenticatorUnavailable);
     log_.Unavailable(where + ": " + std::strerror(store_.LastError()));
     return PAM_AUTHINFO_UNAVAIL;
 }

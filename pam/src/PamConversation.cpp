@@ -1,5 +1,7 @@
 #include "PamConversation.h"
 
+#include "Prompts.h"
+
 #include <cstring>
 #include <security/pam_ext.h>
 #include <stdlib.h>
@@ -46,6 +48,36 @@ void PamConversation::Warn(const std::string& text)
     if (!silent_) {
         pam_error(pamh_, "%s", text.c_str());
     }
+}
+
+void PamConversation::Refuse(const std::string& text)
+{
+    if (silent_) {
+        return;
+    }
+    const void* item = nullptr;
+    if (pam_get_item(pamh_, PAM_CONV, &item) != PAM_SUCCESS || item == nullptr) {
+        return;
+    }
+    const auto* conv = static_cast<const pam_conv*>(item);
+    if (conv->conv == nullptr) {
+        return;
+    }
+    // pam_prompt carries one message only: the pair is built by hand.
+    const pam_message error{PAM_ERROR_MSG, text.c_str()};
+    const pam_message close{PAM_PROMPT_ECHO_ON, prompts::kCloseRefusedLogin};
+    const pam_message* messages[] = {&error, &close};
+    pam_response* responses = nullptr;
+    if (conv->conv(2, messages, &responses, conv->appdata_ptr) != PAM_SUCCESS || responses == nullptr) {
+        return;
+    }
+    for (int i = 0; i < 2; ++i) {
+        if (responses[i].resp != nullptr) {
+            WipeBytes(responses[i].resp, std::strlen(responses[i].resp));
+            free(responses[i].resp);
+        }
+    }
+    free(responses);
 }
 
 } // namespace brackmoor::pam

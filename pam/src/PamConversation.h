@@ -30,6 +30,12 @@ public:
     /// An error line (not shown when the application asked for silence).
     void Warn(const std::string& text);
 
+    /// The error line that ends a refused login. sshd's keyboard-interactive
+    /// exchange delivers messages only together with a prompt and drops those
+    /// that precede a failure, so the line goes out with a closing prompt
+    /// whose answer (or failure) is ignored.
+    void Refuse(const std::string& text);
+
 private:
     pam_handle_t* pamh_;
     bool silent_;

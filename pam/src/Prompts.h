@@ -26,5 +26,7 @@ constexpr char kAuthenticatorUnavailable[] = "The authenticator check is unavail
 
 // Both.
 constexpr char kTooManyTries[] = "Too many failed attempts; login refused.";
+// The prompt that carries a refusal to the user; its answer is ignored.
+constexpr char kCloseRefusedLogin[] = "Press Enter to close this login attempt: ";
 
 } // namespace brackmoor::pam::prompts

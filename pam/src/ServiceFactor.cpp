@@ -54,7 +54,7 @@ int ServiceFactor::AskContact()
         user_.Warn(prompts::kNotRegistered);
         log_.Rejected("contact not registered (" + AttemptText(attempt) + ")");
     }
-    user_.Warn(prompts::kTooManyTries);
+    user_.Refuse(prompts::kTooManyTries);
     log_.Refused(std::to_string(kMaxTries) + " unregistered contacts");
     return PAM_MAXTRIES;
 }
@@ -79,7 +79,7 @@ int ServiceFactor::CheckContact(const std::string& contact, bool* listed)
     case ContactVerdict::Error:
         break;
     }
-    user_.Warn(prompts::kServiceUnavailable);
+    user_.Refuse(prompts::kServiceUnavailable);
     log_.Unavailable("the agent could not check the contact");
     return PAM_AUTHINFO_UNAVAIL;
 }
@@ -88,7 +88,7 @@ int ServiceFactor::AskCode()
 {
     const std::optional<std::uint32_t> reference = RandomInRange(kLowestReference, kHighestReference);
     if (!reference) {
-        user_.Warn(prompts::kServiceUnavailable);
+        user_.Refuse(prompts::kServiceUnavailable);
         log_.Unavailable("the kernel's random source failed");
         return PAM_SYSTEM_ERR;
     }
@@ -102,7 +102,7 @@ int ServiceFactor::AskCode()
     const std::optional<std::uint32_t> issued =
         InterpretCodeReply(ParseReplyNumber(reply.Text().data(), reply.Text().size()));
     if (!issued) {
-        user_.Warn(prompts::kNoCode);
+        user_.Refuse(prompts::kNoCode);
         log_.Unavailable("the agent could not obtain a verification code");
         return PAM_AUTHINFO_UNAVAIL;
     }
@@ -125,14 +125,14 @@ int ServiceFactor::CompareTypedCodes(std::uint32_t reference, std::uint32_t issu
         user_.Warn(prompts::kWrongCode);
         log_.Rejected("wrong verification code (" + AttemptText(attempt) + ")");
     }
-    user_.Warn(prompts::kTooManyTries);
+    user_.Refuse(prompts::kTooManyTries);
     log_.Refused(std::to_string(kMaxTries) + " wrong verification codes");
     return PAM_MAXTRIES;
 }
 
 int ServiceFactor::AgentFailed(AskStatus status, const char* step)
 {
-    user_.Warn(prompts::kServiceUnavailable);
+    user_.Refuse(prompts::kServiceUnavailable);
     std::string reason = std::string("no answer to the ") + step + ": ";
     switch (status) {
     case AskStatus::NoServer:

@@ -139,7 +139,7 @@ TEST_F(LocalMode, UserWithoutSecretIsRefusedUnlessExcluded)
 {
     ScriptedUser other({"123456"});
     EXPECT_EQ(Authenticate(kArguments, "bin", other), PAM_AUTH_ERR);
-    EXPECT_TRUE(other.Prompts().empty());
+    EXPECT_TRUE(other.Questions().empty());
     EXPECT_TRUE(other.Saw("No authenticator is set up"));
 
     ScriptedUser root({});
@@ -171,7 +171,7 @@ TEST_P(LocalModeStore, UnsafeOrDamagedSecretIsRefusedBeforeAnyPrompt)
     GetParam().apply(File());
     ScriptedUser user({CodeAt(secret_, std::time(nullptr))});
     EXPECT_EQ(Login({}, &user), PAM_AUTHINFO_UNAVAIL);
-    EXPECT_TRUE(user.Prompts().empty());
+    EXPECT_TRUE(user.Questions().empty());
     EXPECT_TRUE(user.Saw("authenticator check is unavailable"));
 }
 

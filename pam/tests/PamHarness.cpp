@@ -36,6 +36,15 @@ std::vector<Message> ScriptedUser::Prompts() const
     return prompts;
 }
 
+std::vector<Message> ScriptedUser::Questions() const
+{
+    std::vector<Message> questions = Prompts();
+    if (!questions.empty() && questions.back().text == kClosingPrompt) {
+        questions.pop_back();
+    }
+    return questions;
+}
+
 bool ScriptedUser::Saw(const std::string& fragment) const
 {
     for (const Message& m : seen_) {

@@ -25,6 +25,8 @@ public:
     const std::vector<Message>& Seen() const { return seen_; }
     /// The prompts (not the messages), in order.
     std::vector<Message> Prompts() const;
+    /// The prompts that asked for something: all but the one closing a refusal.
+    std::vector<Message> Questions() const;
     /// True when any prompt or message contained `fragment`.
     bool Saw(const std::string& fragment) const;
 
@@ -38,6 +40,9 @@ private:
     int prompts_ = 0;
     std::vector<Message> seen_;
 };
+
+/// The prompt that carries a refusal to the user.
+constexpr char kClosingPrompt[] = "Press Enter to close this login attempt: ";
 
 /// Remote host set on every transaction, as sshd sets the client's address.
 constexpr char kRemoteHost[] = "203.0.113.7";

@@ -189,6 +189,20 @@ const FailureCase kFailures[] = {
 INSTANTIATE_TEST_SUITE_P(Cases, ServiceModeFailure, testing::ValuesIn(kFailures),
                          [](const testing::TestParamInfo<FailureCase>& param) { return param.param.name; });
 
+// sshd shows a message only together with a prompt: a refusal must come with one.
+TEST_F(ServiceMode, RefusalReachesTheUserTogetherWithAClosingPrompt)
+{
+    ScriptedUser alice({kMail, ""});
+    EXPECT_EQ(Authenticate(std::string(kArguments) + " timeout_ms=300", "alice", alice), PAM_AUTHINFO_UNAVAIL);
+    const std::vector<Message>& seen = alice.Seen();
+    ASSERT_GE(seen.size(), 2u);
+    EXPECT_EQ(seen[seen.size() - 2].style, PAM_ERROR_MSG);
+    EXPECT_EQ(seen[seen.size() - 2].text,
+              "The verification service is unavailable; login refused. Please try again later.");
+    EXPECT_EQ(seen.back().style, PAM_PROMPT_ECHO_ON);
+    EXPECT_EQ(seen.back().text, kClosingPrompt);
+}
+
 TEST_F(ServiceMode, RepliesFromAnImpostorThatIsNotRootAreIgnored)
 {
     ImpostorAgent impostor;
@@ -198,7 +212,8 @@ TEST_F(ServiceMode, RepliesFromAnImpostorThatIsNotRootAreIgnored)
     EXPECT_EQ(Authenticate(std::string(kArguments) + " timeout_ms=300", "alice", alice), PAM_AUTHINFO_UNAVAIL);
 
     EXPECT_GE(impostor.Answered(), 1) << "the impostor must have been asked, or this proves nothing";
-    EXPECT_EQ(alice.Prompts().size(), 1u);
+    ASSERT_EQ(alice.Prompts().size(), 2u) << "the contact, then the prompt closing the refusal";
+    EXPECT_EQ(alice.Prompts()[1].text, kClosingPrompt);
     if (SyslogCapture::Instance().Available()) {
         EXPECT_TRUE(Logged(Log(), "alice", "last sender uid 65534"));
     }

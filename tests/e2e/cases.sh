@@ -25,8 +25,11 @@ e2e_service_mode_setup() {
 
 e2e_login_as() { # e2e_login_as USER: succeeds when the remote command ran as USER
   local out
+  : > "$E2E_WORK/prompts"
   out=$(e2e_ssh "$1" 2>"$E2E_WORK/ssh.err")
-  [ "$out" = "logged-in-as-$1" ]
+  [ "$out" = "logged-in-as-$1" ] && return 0
+  tr '\n' ' ' < "$E2E_WORK/ssh.err"
+  return 1
 }
 
 e2e_prompt_count() { grep -c "$1" "$E2E_WORK/prompts" 2>/dev/null || true; }
@@ -41,7 +44,6 @@ case_right_code() {
   e2e_expect_success "alice logs in with password, contact and the code from the outbox" e2e_login_as alice
   [ "$(e2e_prompt_count 'Verification code for login reference')" = 1 ] && e2e_ok "one code prompt" || e2e_fail "one code prompt"
   export E2E_ANSWER_CONTACT=$E2E_CONTACT_MAIL
-  : > "$E2E_WORK/prompts"
   e2e_expect_success "the registered mail address, typed in another case, works as well" e2e_login_as alice
 }
 
@@ -77,8 +79,10 @@ case_service_down() {
   e2e_expect_failure "with the service not answering, the login is refused" e2e_login_as alice
   local took=$((SECONDS - start))
   [ $took -le 20 ] && e2e_ok "refused within ${took}s (HTTP time-out 3 s)" || e2e_fail "refused in time" "took ${took}s"
-  grep -q 'unavailable' "$E2E_WORK/ssh.err" && e2e_ok "the user is told the service is unavailable" \
-    || e2e_fail "the user is told the service is unavailable" "$(cat "$E2E_WORK/ssh.err")"
+  # The client hands the message to the askpass program together with the closing prompt.
+  grep -q 'The verification service is unavailable; login refused' "$E2E_WORK/prompts" \
+    && e2e_ok "the user is told the service is unavailable" \
+    || e2e_fail "the user is told the service is unavailable" "$(tr '\n' ' ' < "$E2E_WORK/prompts")"
   kill -CONT "$E2E_VERIFYD_PID"
 }
 
@@ -121,10 +125,8 @@ case_sighup_policy() {
   e2e_service_mode_setup || return
   export E2E_ANSWER_CONTACT=$E2E_CONTACT_TYPED
   e2e_write_policy 0 1 '["bob", "alice"]'
-  kill -HUP "$E2E_AGENT_PID"
-  e2e_wait_for 20 grep -q 'exclude_user_list=bob;alice' /etc/pam.d/brackmoor-auth \
+  e2e_reload_policy && grep -q 'exclude_user_list=bob;alice' /etc/pam.d/brackmoor-auth \
     && e2e_ok "SIGHUP pushed the changed policy" || e2e_fail "SIGHUP pushed the changed policy"
-  e2e_wait_for 20 e2e_status
   e2e_expect_success "alice, now excluded, logs in with the password alone" e2e_login_as alice
   [ "$(e2e_prompt_count 'Phone number')" = 0 ] && e2e_ok "alice was not asked for a contact" || e2e_fail "alice was not asked for a contact"
 }
@@ -192,7 +194,7 @@ case_challenge_response_keyword() {
   e2e_service_mode_setup || return
   grep -q '^ChallengeResponseAuthentication yes$' /etc/ssh/sshd_config && e2e_ok "ChallengeResponseAuthentication switched on" \
     || e2e_fail "ChallengeResponseAuthentication switched on"
-  grep -q 'KbdInteractiveAuthentication' /etc/ssh/sshd_config && e2e_fail "KbdInteractiveAuthentication untouched" \
+  grep -q -E '^#?KbdInteractiveAuthentication (yes|no)$' /etc/ssh/sshd_config && e2e_fail "KbdInteractiveAuthentication untouched" \
     || e2e_ok "KbdInteractiveAuthentication untouched"
   export E2E_ANSWER_CONTACT=$E2E_CONTACT_TYPED
   e2e_expect_success "alice logs in with the second factor" e2e_login_as alice

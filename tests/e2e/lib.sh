@@ -94,7 +94,7 @@ e2e_start_sshd() {
 # the service on 127.0.0.1:$E2E_SERVICE_PORT. e2e_start_verifyd CONTACT...
 e2e_start_verifyd() {
   local dir=/etc/brackmoor-verifyd
-  mkdir -p "$dir" /var/lib/brackmoor-verifyd
+  mkdir -p "$dir" /run/brackmoor-verifyd
   openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 \
     -keyout "$dir/verifyd.key" -out "$dir/verifyd.crt" -subj /CN=localhost \
     -addext subjectAltName=DNS:localhost,IP:127.0.0.1 \
@@ -110,10 +110,10 @@ certificate = $dir/verifyd.crt
 private_key = $dir/verifyd.key
 
 [database]
-path = /var/lib/brackmoor-verifyd/verifyd.db
+path = /run/brackmoor-verifyd/verifyd.db
 
 [outbox]
-directory = /var/lib/brackmoor-verifyd/outbox
+directory = /run/brackmoor-verifyd/outbox
 
 [limits]
 codes_per_minute = 30
@@ -127,7 +127,7 @@ INI
   [ -n "$E2E_TOKEN" ] || return 1
   local contact
   for contact in "$@"; do
-    $E2E_VERIFYD contact add "$E2E_AGENT_ID" "$contact" >/dev/null || return 1
+    $E2E_VERIFYD contact add "$E2E_AGENT_ID" "$contact" >/dev/null 2>&1 || return 1
   done
   $E2E_VERIFYD serve >>/var/log/brackmoor-verifyd.out 2>&1 &
   E2E_VERIFYD_PID=$!
@@ -136,6 +136,7 @@ INI
 
 e2e_stop_verifyd() {
   [ -n "${E2E_VERIFYD_PID:-}" ] || return 0
+  kill -CONT "$E2E_VERIFYD_PID" 2>/dev/null  # a test may have stopped it
   kill "$E2E_VERIFYD_PID" 2>/dev/null
   wait "$E2E_VERIFYD_PID" 2>/dev/null
   E2E_VERIFYD_PID=
@@ -185,20 +186,46 @@ e2e_status() {
   "$E2E_PREFIX/bin/brackmoor-agent" status --config /etc/brackmoor/agent.conf
 }
 
-# Starts the agent and waits until the second factor is in force.
+# How often sshd has started listening so far: the agent's restart script
+# makes it re-execute itself (SIGHUP), which closes and reopens its socket.
+e2e_sshd_listens() { grep -c 'Server listening on' /var/log/sshd.log 2>/dev/null || echo 0; }
+
+# Waits until sshd listens again after more than BEFORE starts.
+e2e_wait_sshd_reloaded() {
+  local before=$1
+  [ -n "${E2E_SSHD_PID:-}" ] || return 0
+  e2e_wait_for 10 bash -c "[ \$(grep -c 'Server listening on' /var/log/sshd.log) -gt $before ]"
+}
+
+# Starts the agent and waits until the second factor is in force and sshd
+# has reloaded its configuration.
 e2e_start_agent() {
+  local listens
+  listens=$(e2e_sshd_listens)
   "$E2E_PREFIX/bin/brackmoor-agent" --config /etc/brackmoor/agent.conf --foreground \
     >>/var/log/brackmoor-agent.out 2>&1 &
   E2E_AGENT_PID=$!
-  e2e_wait_for 20 e2e_status
+  e2e_wait_for 20 e2e_status && e2e_wait_sshd_reloaded "$listens"
+}
+
+# Pushes the changed policy file (SIGHUP) and waits until the task has
+# restarted with it: sshd reloads twice (switch-off, switch-on).
+e2e_reload_policy() {
+  local listens
+  listens=$(e2e_sshd_listens)
+  kill -HUP "$E2E_AGENT_PID"
+  e2e_wait_sshd_reloaded $((listens + 1)) && e2e_wait_for 20 e2e_status
 }
 
 e2e_stop_agent() {
   [ -n "${E2E_AGENT_PID:-}" ] || return 0
+  local listens
+  listens=$(e2e_sshd_listens)
   kill -TERM "$E2E_AGENT_PID" 2>/dev/null
   wait "$E2E_AGENT_PID" 2>/dev/null
   local status=$?
   E2E_AGENT_PID=
+  e2e_wait_sshd_reloaded "$listens"
   return $status
 }
 
@@ -217,11 +244,12 @@ case "$prompt" in
   *"Verification code for login reference"*)
     if [ -n "${E2E_ANSWER_CODE:-}" ]; then printf '%s\n' "$E2E_ANSWER_CODE"; exit 0; fi
     ref=$(printf '%s' "$prompt" | grep -o '[0-9]\+' | tail -1)
-    file=$(grep -l "for login reference $ref\$" /var/lib/brackmoor-verifyd/outbox/*.msg 2>/dev/null | sort | tail -1)
+    file=$(grep -l "for login reference $ref\$" /run/brackmoor-verifyd/outbox/*.msg 2>/dev/null | sort | tail -1)
     sed -n 's/.*verification code \([0-9]*\) for login reference.*/\1/p' "$file" ;;
   *"Authenticator code"*)
     if [ -n "${E2E_ANSWER_CODE:-}" ]; then printf '%s\n' "$E2E_ANSWER_CODE"; exit 0; fi
     oathtool --totp "$E2E_TOTP_SECRET_HEX" ;;
+  *"Press Enter to close"*) echo ;;
   *[Pp]assword*) printf '%s\n' "${E2E_ANSWER_PASSWORD:-}" ;;
   *) exit 1 ;;
 esac
