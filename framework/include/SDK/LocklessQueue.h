@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cstdint>
 #include <new>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -27,43 +29,47 @@ namespace SDK {
 /// compare-and-swap and publication waits until every earlier reservation of
 /// the same side is published, so a thread pre-empted between the two stalls
 /// its side (lock-free reservation, not wait-free).
+///
+/// Memory ordering: a tail is stored with release once the slots behind it
+/// were written (producers) or read (consumers), and every load of a tail is
+/// an acquire, so slot contents always travel with the counter that hands
+/// them over, also through the same-side wait of a later reservation. A head
+/// is read with acquire before the other side's tail; that keeps the tail
+/// reading at least as recent as the one behind the head, so the difference
+/// of the two can never wrap into a huge bogus free space or entry count.
 template <typename T>
 class LocklessQueue {
 public:
-    /// A queue holding at most `capacity` elements, in a ring of the next
-    /// power of two at or above it. A capacity of 0, or above 2^31, gives an
-    /// inert queue (no ring; every operation returns 0). With
-    /// `releaseOnDequeue` a slot drops its element as soon as it was taken.
-    LocklessQueue(unsigned int capacity, bool singleProducerOnly, bool singleConsumerOnly,
+    /// A queue holding at most `maxElements`, in a ring of the next power of
+    /// two at or above it. Zero, or more than an `int` count can report, gives
+    /// an inert queue (no ring; every operation returns 0), as does a failed
+    /// allocation. With `releaseSlotOnDequeue` a slot drops its element as
+    /// soon as it was taken, so the queue never keeps a taken element alive.
+    LocklessQueue(unsigned int maxElements, bool singleProducerOnly, bool singleConsumerOnly,
                   bool releaseSlotOnDequeue)
         : singleProducer(singleProducerOnly),
           singleConsumer(singleConsumerOnly),
           releaseOnDequeue(releaseSlotOnDequeue)
     {
-        if (capacity == 0 || capacity > (1u << 31)) {
+        if (maxElements == 0 || maxElements > kMaxCapacity) {
             return;
         }
-        unsigned int ringSize = 1;
-        while (ringSize < capacity) {
+        uint32_t ringSize = 1;
+        while (ringSize < maxElements) {
             ringSize <<= 1;
         }
         ring = new (std::nothrow) T[ringSize];
         if (ring != nullptr) {
             size = ringSize;
             mask = ringSize - 1;
-            this->capacity = capacity;
+            capacity = maxElements;
         }
     }
 
+    /// Releases every element the ring still holds, taken or not.
     virtual ~LocklessQueue()
     {
-        if (ring == nullptr) {
-            return;
-        }
-        // Release every reference still held, last slot first.
-        for (uint32_t i = size; i > 0; --i) {
-            ring[i - 1] = T();
-        }
+        // delete[] destroys the slots from the last to the first.
         delete[] ring;
         ring = nullptr;
     }
@@ -71,8 +77,20 @@ public:
     LocklessQueue(const LocklessQueue&) = delete;
     LocklessQueue& operator=(const LocklessQueue&) = delete;
 
+    /// Adds one element; returns 1, or 0 when the queue is full. Goes through
+    /// the virtual EnqueueBulk, so an override of that changes this too.
+    virtual int Enqueue(const T& element)
+    {
+        try {
+            std::vector<T> one(1, element);
+            return EnqueueBulk(one, 1);
+        } catch (const std::bad_alloc&) {
+            return 0;
+        }
+    }
+
     /// Adds as many elements of `elements` as fit, in order; returns how many.
-    /// `count` is not used: the whole vector is offered.
+    /// `count` is not used: the whole vector is always offered.
     virtual int EnqueueBulk(const std::vector<T>& elements, int count)
     {
         (void)count;
@@ -80,11 +98,11 @@ public:
             return 0;
         }
         const uint32_t offered = static_cast<uint32_t>(elements.size());
-        uint32_t old = prodHead.load(std::memory_order_relaxed);
+        uint32_t old = prodHead.load(singleProducer ? std::memory_order_relaxed
+                                                    : std::memory_order_acquire);
         uint32_t n = 0;
         for (;;) {
-            // Acquire pairs with the consumers' release-store of consTail: the
-            // slots they freed have been read before we overwrite them.
+            // Acquire: the consumers have finished reading the slots they freed.
             const uint32_t freeSpace = capacity + consTail.load(std::memory_order_acquire) - old;
             n = offered < freeSpace ? offered : freeSpace;
             if (n == 0) {
@@ -94,72 +112,25 @@ public:
                 prodHead.store(old + n, std::memory_order_relaxed);
                 break;
             }
-            // On failure `old` is reloaded with the current prodHead.
+            // On failure `old` is reloaded (with acquire, as above).
             if (prodHead.compare_exchange_weak(old, old + n, std::memory_order_seq_cst,
-                                               std::memory_order_relaxed)) {
+                                               std::memory_order_acquire)) {
                 break;
             }
         }
         _EnqueueElements(old, elements, n);
         if (!singleProducer) {
             // Earlier reservations publish first, in reservation order.
-            while (prodTail.load(std::memory_order_relaxed) != old) {
-                Pause();
-            }
+            WaitForTail(prodTail, old);
         }
-        // Release pairs with the consumers' acquire-load of prodTail.
         prodTail.store(old + n, std::memory_order_release);
         return static_cast<int>(n);
     }
 
-    /// Appends up to `maxCount` elements (all present for a negative value) to
-    /// `elements`; returns how many.
-    virtual int DequeueBulk(std::vector<T>& elements, int maxCount)
-    {
-        if (ring == nullptr) {
-            return 0;
-        }
-        const uint32_t wanted = static_cast<uint32_t>(maxCount);
-        uint32_t old = consHead.load(std::memory_order_relaxed);
-        uint32_t n = 0;
-        for (;;) {
-            // Acquire pairs with the producers' release-store of prodTail: the
-            // published slots are fully written.
-            const uint32_t entries = prodTail.load(std::memory_order_acquire) - old;
-            n = wanted < entries ? wanted : entries;
-            if (n == 0) {
-                return 0;
-            }
-            if (singleConsumer) {
-                consHead.store(old + n, std::memory_order_relaxed);
-                break;
-            }
-            if (consHead.compare_exchange_weak(old, old + n, std::memory_order_seq_cst,
-                                               std::memory_order_relaxed)) {
-                break;
-            }
-        }
-        _DequeueElements(old, elements, n);
-        if (!singleConsumer) {
-            while (consTail.load(std::memory_order_relaxed) != old) {
-                Pause();
-            }
-        }
-        // Release pairs with the producers' acquire-load of consTail.
-        consTail.store(old + n, std::memory_order_release);
-        return static_cast<int>(n);
-    }
-
-    /// Adds one element; returns 1, or 0 when the queue is full.
-    int Enqueue(const T& element)
-    {
-        std::vector<T> one(1, element);
-        return EnqueueBulk(one, 1);
-    }
-
     /// Takes one element into `element` and returns 1; returns 0 and leaves
-    /// `element` untouched when the queue is empty.
-    int Dequeue(T& element)
+    /// `element` untouched when the queue is empty. Goes through the virtual
+    /// DequeueBulk.
+    virtual int Dequeue(T& element)
     {
         std::vector<T> one;
         if (DequeueBulk(one, 1) != 1) {
@@ -169,10 +140,54 @@ public:
         return 1;
     }
 
-    /// Elements published and not yet taken (a snapshot).
+    /// Appends up to `maxCount` elements (every one present for a negative
+    /// value) to the end of `elements`, which is not cleared; returns how many.
+    /// Returns 0, taking nothing, if `elements` cannot grow enough.
+    virtual int DequeueBulk(std::vector<T>& elements, int maxCount)
+    {
+        if (ring == nullptr) {
+            return 0;
+        }
+        const uint32_t wanted = static_cast<uint32_t>(maxCount);
+        uint32_t old = consHead.load(singleConsumer ? std::memory_order_relaxed
+                                                    : std::memory_order_acquire);
+        uint32_t n = 0;
+        for (;;) {
+            // Acquire: the published slots are fully written.
+            const uint32_t entries = prodTail.load(std::memory_order_acquire) - old;
+            n = wanted < entries ? wanted : entries;
+            if (n == 0) {
+                return 0;
+            }
+            // Grow the caller's vector before claiming anything: once slots
+            // are reserved, the copy must not fail half-way.
+            if (!MakeRoom(elements, n)) {
+                return 0;
+            }
+            if (singleConsumer) {
+                consHead.store(old + n, std::memory_order_relaxed);
+                break;
+            }
+            if (consHead.compare_exchange_weak(old, old + n, std::memory_order_seq_cst,
+                                               std::memory_order_acquire)) {
+                break;
+            }
+        }
+        _DequeueElements(old, elements, n);
+        if (!singleConsumer) {
+            WaitForTail(consTail, old);
+        }
+        consTail.store(old + n, std::memory_order_release);
+        return static_cast<int>(n);
+    }
+
+    /// Elements published and not yet taken (a snapshot, for monitoring).
     unsigned int Count() const
     {
-        return prodTail.load(std::memory_order_acquire) - consHead.load(std::memory_order_acquire);
+        // consHead first: it never passes prodTail, so the later prodTail
+        // reading is at least as large and the difference cannot wrap.
+        const uint32_t taken = consHead.load(std::memory_order_acquire);
+        return prodTail.load(std::memory_order_acquire) - taken;
     }
     unsigned int Capacity() const { return capacity; }
     unsigned int RingSize() const { return size; }
@@ -186,6 +201,7 @@ protected:
         if (index + n < size) {
             CopyRun(src, ring + index, n);
         } else {
+            // The reservation wraps: up to the end of the ring, then from slot 0.
             const uint32_t first = size - index;
             CopyRun(src, ring + index, first);
             CopyRun(src + first, ring, n - first);
@@ -205,7 +221,8 @@ protected:
         }
     }
 
-    /// Sets the four counters to `value` on an empty queue (tests of wrap-around).
+    /// Sets the four counters to `value` on an empty queue, so tests can
+    /// start just below the 2^32 wrap.
     void ResetCounters(uint32_t value)
     {
         prodHead.store(value);
@@ -215,6 +232,12 @@ protected:
     }
 
 private:
+    // Counts travel as int; a larger capacity could not be reported.
+    static constexpr uint32_t kMaxCapacity = 0x7fffffffu;
+
+    // About 10-40 microseconds of pausing, depending on the processor.
+    static constexpr unsigned int kSpinsBeforeYield = 512;
+
     static void Pause()
     {
 #if defined(__x86_64__) || defined(__i386__)
@@ -222,6 +245,39 @@ private:
 #elif defined(__aarch64__)
         asm volatile("yield" ::: "memory");
 #endif
+    }
+
+    /// Waits until `tail` reaches `value`, i.e. every earlier reservation of
+    /// this side is published. The usual wait is another thread copying a few
+    /// elements, which a short pause spin covers. A longer one means that
+    /// thread was pre-empted; spinning on would burn whole time slices, and
+    /// with more threads than processors every later reservation would queue
+    /// up behind one scheduler round each. So from then on the processor is
+    /// offered to it.
+    static void WaitForTail(const std::atomic<uint32_t>& tail, uint32_t value)
+    {
+        for (unsigned int spins = 0; tail.load(std::memory_order_acquire) != value; ++spins) {
+            if (spins < kSpinsBeforeYield) {
+                Pause();
+            } else {
+                std::this_thread::yield();
+            }
+        }
+    }
+
+    /// Ensures `out` can take n more elements without reallocating.
+    static bool MakeRoom(std::vector<T>& out, uint32_t n) noexcept
+    {
+        if (out.capacity() - out.size() >= n) {
+            return true;
+        }
+        try {
+            const size_t needed = out.size() + n;
+            out.reserve(needed > 2 * out.capacity() ? needed : 2 * out.capacity());
+            return true;
+        } catch (...) {
+            return false;
+        }
     }
 
     static void CopyRun(const T* src, T* dst, uint32_t n)
@@ -254,14 +310,19 @@ private:
 
     void Take(T& slot, std::vector<T>& out)
     {
-        out.push_back(slot);
         if (releaseOnDequeue) {
+            // Moving hands the reference over without touching its count;
+            // the reset makes the slot empty whatever T's moved-from state.
+            out.push_back(std::move(slot));
             slot = T();
+        } else {
+            out.push_back(slot);
         }
     }
 
-    // Producer pair and consumer pair on cache lines of their own, so the two
-    // sides do not invalidate each other's counters.
+    // Producer pair and consumer pair on cache lines of their own, and the
+    // read-only configuration on a third, so neither side's counter updates
+    // invalidate the lines the other side reads on every call.
     alignas(64) std::atomic<uint32_t> prodHead{0};
     std::atomic<uint32_t> prodTail{0};
     alignas(64) std::atomic<uint32_t> consHead{0};
