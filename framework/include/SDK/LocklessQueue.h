@@ -1,7 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <new>
 #include <thread>
 #include <utility>
@@ -37,6 +39,11 @@ namespace SDK {
 /// is read with acquire before the other side's tail; that keeps the tail
 /// reading at least as recent as the one behind the head, so the difference
 /// of the two can never wrap into a huge bogus free space or entry count.
+///
+/// Layout: each counter pair, the configuration and the ring start on
+/// 128-byte boundaries, so no two of them share a cache line or the line
+/// pair that adjacent-line prefetchers fetch together; with the ring aligned
+/// too, a bulk of 8 pointers fills exactly one line instead of straddling two.
 template <typename T>
 class LocklessQueue {
 public:
@@ -58,7 +65,7 @@ public:
         while (ringSize < maxElements) {
             ringSize <<= 1;
         }
-        ring = new (std::nothrow) T[ringSize];
+        ring = AllocateRing(ringSize);
         if (ring != nullptr) {
             size = ringSize;
             mask = ringSize - 1;
@@ -69,8 +76,13 @@ public:
     /// Releases every element the ring still holds, taken or not.
     virtual ~LocklessQueue()
     {
-        // delete[] destroys the slots from the last to the first.
-        delete[] ring;
+        if (ring == nullptr) {
+            return;
+        }
+        for (uint32_t i = size; i > 0; --i) {
+            ring[i - 1].~T();
+        }
+        ::operator delete[](ring, std::align_val_t{kAlignment});
         ring = nullptr;
     }
 
@@ -91,39 +103,23 @@ public:
 
     /// Adds as many elements of `elements` as fit, in order; returns how many.
     /// `count` is not used: the whole vector is always offered.
-    virtual int EnqueueBulk(const std::vector<T>& elements, int count)
+    /// (Forced inline where the compiler sees the queue's exact type, as for a
+    /// member queue: a call costs more than a small bulk itself.)
+    [[gnu::always_inline]] virtual int EnqueueBulk(const std::vector<T>& elements, int count)
     {
         (void)count;
         if (ring == nullptr) {
             return 0;
         }
-        const uint32_t offered = static_cast<uint32_t>(elements.size());
-        uint32_t old = prodHead.load(singleProducer ? std::memory_order_relaxed
-                                                    : std::memory_order_acquire);
-        uint32_t n = 0;
-        for (;;) {
-            // Acquire: the consumers have finished reading the slots they freed.
-            const uint32_t freeSpace = capacity + consTail.load(std::memory_order_acquire) - old;
-            n = offered < freeSpace ? offered : freeSpace;
-            if (n == 0) {
-                return 0;
-            }
-            if (singleProducer) {
-                prodHead.store(old + n, std::memory_order_relaxed);
-                break;
-            }
-            // On failure `old` is reloaded (with acquire, as above).
-            if (prodHead.compare_exchange_weak(old, old + n, std::memory_order_seq_cst,
-                                               std::memory_order_acquire)) {
-                break;
-            }
+        auto nothingToPrepare = [](uint32_t) { return true; };
+        uint32_t old = 0;
+        const uint32_t n = Reserve(prodHead, consTail, capacity, singleProducer,
+                                   static_cast<uint32_t>(elements.size()), old, nothingToPrepare);
+        if (n == 0) {
+            return 0;
         }
         _EnqueueElements(old, elements, n);
-        if (!singleProducer) {
-            // Earlier reservations publish first, in reservation order.
-            WaitForTail(prodTail, old);
-        }
-        prodTail.store(old + n, std::memory_order_release);
+        Publish(prodTail, singleProducer, old, old + n);
         return static_cast<int>(n);
     }
 
@@ -143,41 +139,22 @@ public:
     /// Appends up to `maxCount` elements (every one present for a negative
     /// value) to the end of `elements`, which is not cleared; returns how many.
     /// Returns 0, taking nothing, if `elements` cannot grow enough.
-    virtual int DequeueBulk(std::vector<T>& elements, int maxCount)
+    [[gnu::always_inline]] virtual int DequeueBulk(std::vector<T>& elements, int maxCount)
     {
         if (ring == nullptr) {
             return 0;
         }
-        const uint32_t wanted = static_cast<uint32_t>(maxCount);
-        uint32_t old = consHead.load(singleConsumer ? std::memory_order_relaxed
-                                                    : std::memory_order_acquire);
-        uint32_t n = 0;
-        for (;;) {
-            // Acquire: the published slots are fully written.
-            const uint32_t entries = prodTail.load(std::memory_order_acquire) - old;
-            n = wanted < entries ? wanted : entries;
-            if (n == 0) {
-                return 0;
-            }
-            // Grow the caller's vector before claiming anything: once slots
-            // are reserved, the copy must not fail half-way.
-            if (!MakeRoom(elements, n)) {
-                return 0;
-            }
-            if (singleConsumer) {
-                consHead.store(old + n, std::memory_order_relaxed);
-                break;
-            }
-            if (consHead.compare_exchange_weak(old, old + n, std::memory_order_seq_cst,
-                                               std::memory_order_acquire)) {
-                break;
-            }
+        // The vector grows before slots are claimed: once they are, the copy
+        // must not fail half-way.
+        auto makeRoom = [&elements](uint32_t n) { return MakeRoom(elements, n); };
+        uint32_t old = 0;
+        const uint32_t n = Reserve(consHead, prodTail, 0, singleConsumer,
+                                   static_cast<uint32_t>(maxCount), old, makeRoom);
+        if (n == 0) {
+            return 0;
         }
         _DequeueElements(old, elements, n);
-        if (!singleConsumer) {
-            WaitForTail(consTail, old);
-        }
-        consTail.store(old + n, std::memory_order_release);
+        Publish(consTail, singleConsumer, old, old + n);
         return static_cast<int>(n);
     }
 
@@ -197,14 +174,10 @@ protected:
     void _EnqueueElements(unsigned int head, const std::vector<T>& elements, unsigned int n)
     {
         const uint32_t index = head & mask;
-        const T* src = elements.data();
         if (index + n < size) {
-            CopyRun(src, ring + index, n);
+            CopyRun(elements.data(), ring + index, n);
         } else {
-            // The reservation wraps: up to the end of the ring, then from slot 0.
-            const uint32_t first = size - index;
-            CopyRun(src, ring + index, first);
-            CopyRun(src + first, ring, n - first);
+            CopyWrapped(elements.data(), index, n);
         }
     }
 
@@ -215,9 +188,7 @@ protected:
         if (index + n < size) {
             TakeRun(ring + index, n, elements);
         } else {
-            const uint32_t first = size - index;
-            TakeRun(ring + index, first, elements);
-            TakeRun(ring, n - first, elements);
+            TakeWrapped(index, n, elements);
         }
     }
 
@@ -234,9 +205,69 @@ protected:
 private:
     // Counts travel as int; a larger capacity could not be reported.
     static constexpr uint32_t kMaxCapacity = 0x7fffffffu;
-
+    static constexpr size_t kAlignment = 128;
     // About 10-40 microseconds of pausing, depending on the processor.
     static constexpr unsigned int kSpinsBeforeYield = 512;
+
+    /// Value-initialised slots on a kAlignment boundary; nullptr on failure.
+    static T* AllocateRing(uint32_t slots) noexcept
+    {
+        void* raw = ::operator new[](sizeof(T) * slots, std::align_val_t{kAlignment}, std::nothrow);
+        if (raw == nullptr) {
+            return nullptr;
+        }
+        T* first = static_cast<T*>(raw);
+        try {
+            std::uninitialized_value_construct_n(first, slots);
+        } catch (...) {
+            ::operator delete[](raw, std::align_val_t{kAlignment});
+            return nullptr;
+        }
+        return first;
+    }
+
+    /// Claims up to `wanted` slots on one side; returns how many (0: none
+    /// available, or `prepare` refused) and the first one's counter in `old`.
+    /// `bound` is what the other side's tail is offset by: `capacity` for
+    /// producers (free space), 0 for consumers (entries). `prepare(n)` runs
+    /// before every attempt to claim n slots.
+    template <typename Prepare>
+    [[gnu::always_inline]] static uint32_t Reserve(std::atomic<uint32_t>& head,
+                                                   const std::atomic<uint32_t>& otherTail,
+                                                   uint32_t bound, bool single, uint32_t wanted,
+                                                   uint32_t& old, Prepare prepare)
+    {
+        old = head.load(single ? std::memory_order_relaxed : std::memory_order_acquire);
+        for (;;) {
+            // Acquire: the slots counted here were fully written (entries) or
+            // fully read (free space) by the other side.
+            const uint32_t room = bound + otherTail.load(std::memory_order_acquire) - old;
+            const uint32_t n = wanted < room ? wanted : room;
+            if (n == 0 || !prepare(n)) {
+                return 0;
+            }
+            if (single) {
+                head.store(old + n, std::memory_order_relaxed);
+                return n;
+            }
+            // On failure `old` is reloaded, with acquire as above.
+            if (head.compare_exchange_weak(old, old + n, std::memory_order_seq_cst,
+                                           std::memory_order_acquire)) {
+                return n;
+            }
+        }
+    }
+
+    /// Moves a side's tail from `old` to `next` once every earlier
+    /// reservation of that side is published.
+    [[gnu::always_inline]] static void Publish(std::atomic<uint32_t>& tail, bool single,
+                                               uint32_t old, uint32_t next)
+    {
+        if (!single && tail.load(std::memory_order_acquire) != old) {
+            WaitForTail(tail, old);
+        }
+        tail.store(next, std::memory_order_release);
+    }
 
     static void Pause()
     {
@@ -247,14 +278,13 @@ private:
 #endif
     }
 
-    /// Waits until `tail` reaches `value`, i.e. every earlier reservation of
-    /// this side is published. The usual wait is another thread copying a few
-    /// elements, which a short pause spin covers. A longer one means that
-    /// thread was pre-empted; spinning on would burn whole time slices, and
-    /// with more threads than processors every later reservation would queue
-    /// up behind one scheduler round each. So from then on the processor is
-    /// offered to it.
-    static void WaitForTail(const std::atomic<uint32_t>& tail, uint32_t value)
+    /// Waits until `tail` reaches `value`. The usual wait is another thread
+    /// copying a few elements, which a short pause spin covers. A longer one
+    /// means that thread was pre-empted; spinning on would burn whole time
+    /// slices, and with more threads than processors every later reservation
+    /// would queue up behind one scheduler round each. So from then on the
+    /// processor is offered to it.
+    [[gnu::noinline]] static void WaitForTail(const std::atomic<uint32_t>& tail, uint32_t value)
     {
         for (unsigned int spins = 0; tail.load(std::memory_order_acquire) != value; ++spins) {
             if (spins < kSpinsBeforeYield) {
@@ -268,9 +298,11 @@ private:
     /// Ensures `out` can take n more elements without reallocating.
     static bool MakeRoom(std::vector<T>& out, uint32_t n) noexcept
     {
-        if (out.capacity() - out.size() >= n) {
-            return true;
-        }
+        return out.capacity() - out.size() >= n || Grow(out, n);
+    }
+
+    [[gnu::noinline]] static bool Grow(std::vector<T>& out, uint32_t n) noexcept
+    {
         try {
             const size_t needed = out.size() + n;
             out.reserve(needed > 2 * out.capacity() ? needed : 2 * out.capacity());
@@ -280,7 +312,23 @@ private:
         }
     }
 
-    static void CopyRun(const T* src, T* dst, uint32_t n)
+    /// The reservation wraps: copies up to the end of the ring, then on from
+    /// slot 0 (once per trip round the ring, so kept out of line).
+    [[gnu::noinline]] void CopyWrapped(const T* src, uint32_t index, uint32_t n)
+    {
+        const uint32_t first = size - index;
+        CopyRun(src, ring + index, first);
+        CopyRun(src + first, ring, n - first);
+    }
+
+    [[gnu::noinline]] void TakeWrapped(uint32_t index, uint32_t n, std::vector<T>& out)
+    {
+        const uint32_t first = size - index;
+        TakeRun(ring + index, first, out);
+        TakeRun(ring, n - first, out);
+    }
+
+    [[gnu::always_inline]] static void CopyRun(const T* src, T* dst, uint32_t n)
     {
         uint32_t i = 0;
         for (; i + 4 <= n; i += 4) {
@@ -294,40 +342,35 @@ private:
         }
     }
 
-    void TakeRun(T* slots, uint32_t n, std::vector<T>& out)
-    {
-        uint32_t i = 0;
-        for (; i + 4 <= n; i += 4) {
-            Take(slots[i], out);
-            Take(slots[i + 1], out);
-            Take(slots[i + 2], out);
-            Take(slots[i + 3], out);
-        }
-        for (; i < n; ++i) {
-            Take(slots[i], out);
-        }
-    }
-
-    void Take(T& slot, std::vector<T>& out)
+    [[gnu::always_inline]] void TakeRun(T* slots, uint32_t n, std::vector<T>& out)
     {
         if (releaseOnDequeue) {
-            // Moving hands the reference over without touching its count;
-            // the reset makes the slot empty whatever T's moved-from state.
-            out.push_back(std::move(slot));
-            slot = T();
-        } else {
-            out.push_back(slot);
+            // Moving hands the element over without copying it (for a shared
+            // pointer: no reference count traffic); the reset makes the slot
+            // empty whatever T leaves behind when moved from.
+            for (uint32_t i = 0; i < n; ++i) {
+                out.push_back(std::move(slots[i]));
+                slots[i] = T();
+            }
+            return;
+        }
+        uint32_t i = 0;
+        for (; i + 4 <= n; i += 4) {
+            out.push_back(slots[i]);
+            out.push_back(slots[i + 1]);
+            out.push_back(slots[i + 2]);
+            out.push_back(slots[i + 3]);
+        }
+        for (; i < n; ++i) {
+            out.push_back(slots[i]);
         }
     }
 
-    // Producer pair and consumer pair on cache lines of their own, and the
-    // read-only configuration on a third, so neither side's counter updates
-    // invalidate the lines the other side reads on every call.
-    alignas(64) std::atomic<uint32_t> prodHead{0};
+    alignas(kAlignment) std::atomic<uint32_t> prodHead{0};
     std::atomic<uint32_t> prodTail{0};
-    alignas(64) std::atomic<uint32_t> consHead{0};
+    alignas(kAlignment) std::atomic<uint32_t> consHead{0};
     std::atomic<uint32_t> consTail{0};
-    alignas(64) bool singleProducer;
+    alignas(kAlignment) bool singleProducer;
     bool singleConsumer;
     uint32_t size = 0;
     uint32_t mask = 0;
