@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,6 +37,12 @@ struct Scenario {
     unsigned int capacity;
     uint32_t startCounter; // near 2^32 to wrap the counters early in the run
 };
+
+// Names the scenario in gtest's messages instead of dumping its bytes.
+void PrintTo(const Scenario& s, std::ostream* os)
+{
+    *os << s.name;
+}
 
 class StressRun {
 public:
