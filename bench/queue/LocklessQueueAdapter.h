@@ -10,7 +10,9 @@ namespace queue_bench {
 
 /// SDK::LocklessQueue through its bulk operations, with the vectors reused
 /// the way a task reuses its batch: one prepared offer per bulk size, and a
-/// result vector cleared (keeping its capacity) before each dequeue.
+/// result vector cleared (keeping its capacity) before each dequeue. Calls
+/// go to the queue member itself, as a task's calls to its own queue do, so
+/// the compiler knows the exact type and needs no virtual dispatch.
 template <bool SingleSides>
 class LocklessQueueAdapter {
 public:
@@ -18,7 +20,7 @@ public:
 
     class Worker {
     public:
-        explicit Worker(LocklessQueueAdapter& owner) : queue(owner.queue)
+        explicit Worker(LocklessQueueAdapter& parent) : owner(parent)
         {
             Payload payload;
             for (unsigned int n = 0; n <= kMaxBulk; ++n) {
@@ -26,15 +28,18 @@ public:
             }
             taken.reserve(kMaxBulk);
         }
-        size_t Push(size_t n) { return static_cast<size_t>(queue.EnqueueBulk(offers[n], static_cast<int>(n))); }
+        size_t Push(size_t n)
+        {
+            return static_cast<size_t>(owner.queue.EnqueueBulk(offers[n], static_cast<int>(n)));
+        }
         size_t Pop(size_t max)
         {
             taken.clear();
-            return static_cast<size_t>(queue.DequeueBulk(taken, static_cast<int>(max)));
+            return static_cast<size_t>(owner.queue.DequeueBulk(taken, static_cast<int>(max)));
         }
 
     private:
-        SDK::LocklessQueue<void*>& queue;
+        LocklessQueueAdapter& owner;
         std::vector<std::vector<void*>> offers;
         std::vector<void*> taken;
     };

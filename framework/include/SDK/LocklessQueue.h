@@ -171,7 +171,8 @@ public:
 
 protected:
     /// Copies elements[0, n) into the n slots starting at counter `head`.
-    void _EnqueueElements(unsigned int head, const std::vector<T>& elements, unsigned int n)
+    [[gnu::always_inline]] void _EnqueueElements(unsigned int head, const std::vector<T>& elements,
+                                                 unsigned int n)
     {
         const uint32_t index = head & mask;
         if (index + n < size) {
@@ -182,7 +183,8 @@ protected:
     }
 
     /// Appends the n slots starting at counter `head` to `elements`.
-    void _DequeueElements(unsigned int head, std::vector<T>& elements, unsigned int n)
+    [[gnu::always_inline]] void _DequeueElements(unsigned int head, std::vector<T>& elements,
+                                                 unsigned int n)
     {
         const uint32_t index = head & mask;
         if (index + n < size) {
@@ -208,6 +210,7 @@ private:
     static constexpr size_t kAlignment = 128;
     // About 10-40 microseconds of pausing, depending on the processor.
     static constexpr unsigned int kSpinsBeforeYield = 512;
+    static constexpr uint32_t kInsertRunsFrom = 16;
 
     /// Value-initialised slots on a kAlignment boundary; nullptr on failure.
     static T* AllocateRing(uint32_t slots) noexcept
@@ -345,24 +348,31 @@ private:
     [[gnu::always_inline]] void TakeRun(T* slots, uint32_t n, std::vector<T>& out)
     {
         if (releaseOnDequeue) {
-            // Moving hands the element over without copying it (for a shared
-            // pointer: no reference count traffic); the reset makes the slot
-            // empty whatever T leaves behind when moved from.
+            // Moving hands the elements over without copying them (for a
+            // shared pointer: no reference count traffic); the reset makes
+            // the slots empty whatever T leaves behind when moved from.
+            AppendRun(std::make_move_iterator(slots), n, out);
             for (uint32_t i = 0; i < n; ++i) {
-                out.push_back(std::move(slots[i]));
                 slots[i] = T();
             }
             return;
         }
-        uint32_t i = 0;
-        for (; i + 4 <= n; i += 4) {
-            out.push_back(slots[i]);
-            out.push_back(slots[i + 1]);
-            out.push_back(slots[i + 2]);
-            out.push_back(slots[i + 3]);
+        AppendRun(slots, n, out);
+    }
+
+    /// Appends n elements from `first` to `out`, which has room for them.
+    /// One insert per run: push_back updates the vector's end once per
+    /// element, a chain of dependent stores and loads that costs more than
+    /// the copy itself. Runs too short to repay the call are pushed one by one.
+    template <typename Iterator>
+    [[gnu::always_inline]] static void AppendRun(Iterator first, uint32_t n, std::vector<T>& out)
+    {
+        if (n >= kInsertRunsFrom) {
+            out.insert(out.end(), first, first + n);
+            return;
         }
-        for (; i < n; ++i) {
-            out.push_back(slots[i]);
+        for (uint32_t i = 0; i < n; ++i) {
+            out.push_back(first[i]);
         }
     }
 
