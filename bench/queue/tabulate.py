@@ -12,6 +12,19 @@ to rte_ring (+10% = 10% more cycles).
 import json
 import sys
 
+# Column order: ours, the reference, then the others as queue_bench lists them.
+QUEUES = ["LocklessQueue", "rte_ring", "moodycamel", "atomic_queue", "boost_lockfree",
+          "tbb_bounded", "mutex_deque"]
+# Row order: as queue_bench registers them.
+CONFIGURATIONS = ["one_core/spsc", "one_core/mpmc", "two_cores/spsc", "two_cores/mpmc",
+                  "two_cores_both_ways/mpmc", "oversubscribed_2p2c/mpmc"]
+
+
+def row_key(row):
+    config, bulk = row.rsplit("/bulk:", 1)
+    known = config in CONFIGURATIONS
+    return (CONFIGURATIONS.index(config) if known else len(CONFIGURATIONS), config, int(bulk))
+
 
 def main(path, aggregate):
     with open(path) as f:
@@ -31,8 +44,8 @@ def main(path, aggregate):
             queues.append(queue)
         cells[(row, queue)] = run["cycles_per_elem"]
 
-    # Ours first, the reference second, the others as they came.
-    queues.sort(key=lambda q: {"LocklessQueue": 0, "rte_ring": 1}.get(q, 2))
+    rows.sort(key=row_key)
+    queues.sort(key=lambda q: QUEUES.index(q) if q in QUEUES else len(QUEUES))
     print("| configuration | " + " | ".join(queues) + " | LocklessQueue vs rte_ring |")
     print("|---|" + "---:|" * (len(queues) + 1))
     for row in rows:

@@ -208,8 +208,9 @@ private:
     // Counts travel as int; a larger capacity could not be reported.
     static constexpr uint32_t kMaxCapacity = 0x7fffffffu;
     static constexpr size_t kAlignment = 128;
-    // About 10-40 microseconds of pausing, depending on the processor.
-    static constexpr unsigned int kSpinsBeforeYield = 512;
+    // A few microseconds of pausing, depending on the processor: far longer
+    // than a running publisher needs to copy its bulk.
+    static constexpr unsigned int kSpinsBeforeYield = 128;
     static constexpr uint32_t kInsertRunsFrom = 16;
 
     /// Value-initialised slots on a kAlignment boundary; nullptr on failure.
