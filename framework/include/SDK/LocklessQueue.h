@@ -216,6 +216,9 @@ private:
     /// Value-initialised slots on a kAlignment boundary; nullptr on failure.
     static T* AllocateRing(uint32_t slots) noexcept
     {
+        if (slots > SIZE_MAX / sizeof(T)) {
+            return nullptr;
+        }
         void* raw = ::operator new[](sizeof(T) * slots, std::align_val_t{kAlignment}, std::nothrow);
         if (raw == nullptr) {
             return nullptr;
