@@ -1,0 +1,140 @@
+// Cycles per element of SDK::LocklessQueue and of other queues, measured in
+// the same run the way DPDK's ring_perf_autotest measures rte_ring. Results
+// and the exact command are in docs/benchmarks.md.
+//
+//   queue_bench [--smoke] [Google Benchmark flags]
+//
+// --smoke runs every measurement once on a few thousand elements: a check
+// that each queue builds and runs, not a measurement.
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Peer.h"
+#include "Shape.h"
+
+namespace {
+
+using queue_bench::Mode;
+using queue_bench::Peer;
+using queue_bench::Result;
+using queue_bench::Scenario;
+using queue_bench::Shape;
+
+constexpr uint64_t kSmokeElements = uint64_t{1} << 11;
+
+std::vector<Peer> Peers()
+{
+    std::vector<Peer> peers{queue_bench::LocklessQueuePeer()};
+#ifdef BRACKMOOR_BENCH_RTE_RING
+    peers.push_back(queue_bench::RteRingPeer());
+#endif
+#ifdef BRACKMOOR_BENCH_MOODYCAMEL
+    peers.push_back(queue_bench::MoodycamelPeer());
+#endif
+#ifdef BRACKMOOR_BENCH_ATOMIC_QUEUE
+    peers.push_back(queue_bench::AtomicQueuePeer());
+#endif
+#ifdef BRACKMOOR_BENCH_BOOST_LOCKFREE
+    peers.push_back(queue_bench::BoostLockfreePeer());
+#endif
+#ifdef BRACKMOOR_BENCH_TBB
+    peers.push_back(queue_bench::TbbPeer());
+#endif
+    peers.push_back(queue_bench::MutexDequePeer());
+    return peers;
+}
+
+struct Configuration {
+    const char* name;
+    Scenario scenario;
+    Mode mode;
+    uint64_t elements; // per measurement
+};
+
+// Rows of the comparison. Scenarios with two threads on one side have no
+// single-producer/consumer variant. (Oversubscribed runs are timed, their
+// element count is not used.)
+constexpr uint64_t kElements = uint64_t{1} << 20;
+const Configuration kConfigurations[] = {
+    {"one_core/spsc", Scenario::OneCore, Mode::Single, kElements},
+    {"one_core/mpmc", Scenario::OneCore, Mode::Multi, kElements},
+    {"two_cores/spsc", Scenario::ProducerConsumer, Mode::Single, kElements},
+    {"two_cores/mpmc", Scenario::ProducerConsumer, Mode::Multi, kElements},
+    {"two_cores_both_ways/mpmc", Scenario::BothWays, Mode::Multi, kElements / 4},
+    {"oversubscribed_2p2c/mpmc", Scenario::Oversubscribed, Mode::Multi, kElements},
+};
+
+void Measure(benchmark::State& state, Peer peer, Shape shape, Mode mode)
+{
+    double cycles = 0;
+    for (auto _ : state) {
+        const Result result = peer.run(shape, mode);
+        state.SetIterationTime(result.seconds);
+        cycles += result.cyclesPerElement;
+    }
+    state.counters["cycles_per_elem"] = cycles / static_cast<double>(state.iterations());
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(shape.elements));
+}
+
+void RegisterAll(bool smoke)
+{
+    const std::vector<Peer> peers = Peers();
+    for (const Configuration& config : kConfigurations) {
+        for (unsigned int bulk : {1u, 8u, 32u}) {
+            for (const Peer& peer : peers) {
+                const std::string name = std::string(config.name) + "/bulk:" +
+                                         std::to_string(bulk) + "/" + peer.name;
+                const Shape shape{config.scenario, bulk, smoke ? kSmokeElements : config.elements};
+                auto* bench = benchmark::RegisterBenchmark(name.c_str(), Measure, peer, shape,
+                                                           config.mode);
+                bench->UseManualTime()->Unit(benchmark::kMillisecond);
+                if (smoke) {
+                    bench->Iterations(1);
+                } else {
+                    // The machine is shared: the least disturbed of several
+                    // interleaved repetitions shows the queue's own cost best.
+                    bench->MinTime(0.05)->Repetitions(9)->ReportAggregatesOnly(true);
+                    bench->ComputeStatistics("min", [](const std::vector<double>& v) {
+                        return *std::min_element(v.begin(), v.end());
+                    });
+                }
+            }
+        }
+    }
+}
+
+// Removes --smoke from the arguments; true if it was there.
+bool TakeSmokeFlag(int& argc, char** argv)
+{
+    bool found = false;
+    int kept = 0;
+    for (int i = 0; i < argc; ++i) {
+        if (i > 0 && std::strcmp(argv[i], "--smoke") == 0) {
+            found = true;
+        } else {
+            argv[kept++] = argv[i];
+        }
+    }
+    argc = kept;
+    return found;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const bool smoke = TakeSmokeFlag(argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    RegisterAll(smoke);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
