@@ -8,7 +8,6 @@
 #include <Poco/Net/SocketStream.h>
 #include <gtest/gtest.h>
 
-#include "CommandRunner.h"
 #include "Courier.h"
 #include "OutboxChannel.h"
 #include "SmsHookChannel.h"
@@ -46,18 +45,24 @@ bool Ended(pid_t pid)
     return end == std::string::npos || stat[end + 2] == 'Z' || stat[end + 2] == 'X';
 }
 
-TEST(SmsHook, GetsNumberAndTextAsTwoArgumentsWithoutAShell)
+TEST(SmsHook, GetsNumberAndTextAsTwoArgumentsWithoutAShellOrTheServicesDescriptors)
 {
     TestSupport::TempDir dir;
-    const std::string out = dir.File("args");
     const std::string pwned = dir.File("pwned");
-    SmsHookChannel hook(dir.Write("hook.sh", "#!/bin/sh\nprintf '%s|' \"$#\" \"$1\" \"$2\" > " + out, 0755),
+    const int leaked = ::dup2(STDIN_FILENO, 77); // deliberately without O_CLOEXEC
+    ASSERT_EQ(leaked, 77);
+    SmsHookChannel hook(dir.Write("hook.sh", "#!/bin/sh\nprintf '%s|' \"$#\" \"$1\" \"$2\" > " +
+                                                 dir.File("args") + "\nls /proc/$$/fd > " +
+                                                 dir.File("fds") + "\n", 0755),
                         seconds(10));
     const std::string hostile = "code 042137; $(touch " + pwned + ") `touch " + pwned + "` 'q' \"d\"";
     std::string error;
-    ASSERT_TRUE(hook.Deliver({Message::Kind::Phone, "+4915112345678", hostile}, error)) << error;
-    EXPECT_EQ(ReadWholeFile(out), "2|+4915112345678|" + hostile + "|");
+    EXPECT_TRUE(hook.Deliver({Message::Kind::Phone, "+4915112345678", hostile}, error)) << error;
+    ::close(leaked);
+    EXPECT_EQ(ReadWholeFile(dir.File("args")), "2|+4915112345678|" + hostile + "|");
     EXPECT_FALSE(Poco::File(pwned).exists());
+    const std::string fds = ReadWholeFile(dir.File("fds"));
+    EXPECT_TRUE(fds.find("2\n") != std::string::npos && fds.find("77") == std::string::npos) << fds;
 }
 
 TEST(SmsHook, FailuresAreReportedWithTheHooksOutputButNoDigits)
@@ -86,18 +91,6 @@ TEST(SmsHook, FailuresAreReportedWithTheHooksOutputButNoDigits)
     // The hook led its own process group, so its background child is gone too.
     const pid_t child = std::stoi(ReadWholeFile(background));
     EXPECT_TRUE(TestSupport::WaitFor([&] { return Ended(child); }, seconds(5)));
-}
-
-TEST(CommandRunner, PassesOnNoDescriptorOfTheService)
-{
-    TestSupport::TempDir dir;
-    const int leaked = ::dup2(STDIN_FILENO, 77); // deliberately without O_CLOEXEC
-    ASSERT_EQ(leaked, 77);
-    const std::string script = dir.Write("fds.sh", "#!/bin/sh\necho $(ls /proc/$$/fd)\n", 0755);
-    const CommandResult result = RunCommand({script}, seconds(10));
-    ::close(leaked);
-    ASSERT_TRUE(result.Succeeded()) << result.output;
-    EXPECT_EQ(result.output.find("77"), std::string::npos) << result.output;
 }
 
 /// Takes one SMTP session on `socket` and returns what the client sent. It

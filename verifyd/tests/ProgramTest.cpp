@@ -36,17 +36,15 @@ Outcome Program(const std::vector<std::string>& args)
     return outcome;
 }
 
-Outcome Admin(const VerifydHarness& service, std::vector<std::string> args)
+TEST(Program, AdministersAgentsAndContactsAndServesUntilSigterm)
 {
-    args.insert(args.begin(), {"--config", service.ConfigFile()});
-    return Program(args);
-}
-
-TEST(Program, AdministersAgentsAndContactsWhileTheServiceRuns)
-{
-    VerifydHarness service;
-    ASSERT_EQ(service.Error(), "");
-    const Outcome added = Admin(service, {"agent", "add", "web-07"});
+    VerifydHarness files; // certificates, database, and the SDK's CA; its own service stays idle
+    ASSERT_EQ(files.Error(), "");
+    const auto admin = [&files](std::vector<std::string> args) {
+        args.insert(args.begin(), {"--config", files.ConfigFile()});
+        return Program(args);
+    };
+    const Outcome added = admin({"agent", "add", "web-07"});
     ASSERT_EQ(added.status, 0) << added.err;
     ASSERT_TRUE(std::regex_match(added.out, std::regex("[0-9a-f]{64}\n"))) << added.out;
     const std::string token = added.out.substr(0, 64);
@@ -73,20 +71,48 @@ TEST(Program, AdministersAgentsAndContactsWhileTheServiceRuns)
         {{"agent", "remove", "web-99"}, 1},
     };
     for (const auto& c : cases) {
-        const Outcome outcome = Admin(service, c.args);
+        const Outcome outcome = admin(c.args);
         EXPECT_EQ(outcome.status, c.status) << c.args.back() << ": " << outcome.err;
         EXPECT_NE(outcome.err, "") << c.args.back();
     }
-    const Outcome agents = Admin(service, {"agent", "list"});
+    const Outcome agents = admin({"agent", "list"});
     EXPECT_TRUE(std::regex_match(agents.out, std::regex("web-07\t1\t\\d{4}-\\d\\d-\\d\\dT[0-9:]{8}Z\n")))
         << agents.out << " must not show the token again";
-    const Outcome contacts = Admin(service, {"contact", "list", "web-07"});
-    EXPECT_EQ(contacts.out, "+4915112345678\tsms\t" + AgentSideHash("+4915112345678") + "\n");
+    const std::string hash = AgentSideHash("+4915112345678");
+    EXPECT_EQ(admin({"contact", "list", "web-07"}).out, "+4915112345678\tsms\t" + hash + "\n");
 
-    const Reply reply =
-        service.Call("GET", "/tfa_phone_num", {{"agent_id", "web-07"}}, {{"X-Auth-Token", token}});
-    ASSERT_EQ(reply.status, 200) << reply.body;
-    EXPECT_EQ(reply.json["comm_list"][0].asString(), AgentSideHash("+4915112345678"));
+    // From here on no ASSERT: the server must always be stopped.
+    const unsigned short port = FreeLoopbackPort();
+    const std::string config = files.WriteConfig("serve.ini", port, "[log]\nfile = serve.log\n");
+    Poco::ProcessHandle server = Poco::Process::launch(VERIFYD_PROGRAM, {"--config", config});
+    Framework::ConfigManager::GetInstance()->Set("service.address",
+                                                 "localhost:" + std::to_string(port));
+    Reply reply;
+    EXPECT_TRUE(TestSupport::WaitFor(
+        [&] {
+            reply = files.Call("GET", "/tfa_phone_num", {{"agent_id", "web-07"}},
+                               {{"X-Auth-Token", token}});
+            return reply.status == 200;
+        },
+        std::chrono::seconds(20)));
+    EXPECT_EQ(reply.json["comm_list"][0].asString(), hash) << reply.body;
+    const Outcome second = Program({"--config", config, "serve"});
+    EXPECT_EQ(second.status, 2);
+    EXPECT_NE(second.err.find("cannot listen on 127.0.0.1:" + std::to_string(port)),
+              std::string::npos)
+        << second.err;
+
+    ::kill(server.id(), SIGTERM);
+    int status = -1;
+    EXPECT_TRUE(TestSupport::WaitFor([&] { return (status = server.tryWait()) != -1; },
+                                     std::chrono::seconds(20)));
+    if (status == -1) {
+        ::kill(server.id(), SIGKILL);
+        server.wait();
+    }
+    EXPECT_EQ(status, 0);
+    const std::string log = TestSupport::ReadWholeFile(files.Dir().File("serve.log"));
+    EXPECT_NE(log.find("path=/tfa_phone_num status=200"), std::string::npos) << log;
 }
 
 TEST(Program, UsageAndConfigurationErrorsExitWith2AndOneLine)
@@ -106,42 +132,6 @@ TEST(Program, UsageAndConfigurationErrorsExitWith2AndOneLine)
         EXPECT_TRUE(std::regex_match(outcome.err, std::regex("brackmoor-verifyd: [^\n]+\n")))
             << outcome.err;
     }
-}
-
-TEST(Program, ServeAnswersUntilSigtermAndRefusesAnAddressInUse)
-{
-    VerifydHarness files; // certificates, database and the SDK's CA; its own server is idle
-    ASSERT_EQ(files.Error(), "");
-    const std::string token = files.AddAgent("web-01", {"+4915112345678"});
-    const unsigned short port = FreeLoopbackPort();
-    const std::string config = files.WriteConfig("serve.ini", port, "[log]\nfile = serve.log\n");
-    Poco::ProcessHandle server = Poco::Process::launch(VERIFYD_PROGRAM, {"--config", config});
-
-    Framework::ConfigManager::GetInstance()->Set("service.address",
-                                                 "localhost:" + std::to_string(port));
-    EXPECT_TRUE(TestSupport::WaitFor(
-        [&] {
-            return files.Call("GET", "/tfa_phone_num", {{"agent_id", "web-01"}},
-                              {{"X-Auth-Token", token}}).status == 200;
-        },
-        std::chrono::seconds(20)));
-    const Outcome second = Program({"--config", config, "serve"});
-    EXPECT_EQ(second.status, 2);
-    EXPECT_NE(second.err.find("cannot listen on 127.0.0.1:" + std::to_string(port)),
-              std::string::npos)
-        << second.err;
-
-    ::kill(server.id(), SIGTERM);
-    int status = -1;
-    EXPECT_TRUE(TestSupport::WaitFor([&] { return (status = server.tryWait()) != -1; },
-                                     std::chrono::seconds(20)));
-    if (status == -1) { // no test leaves a server behind
-        ::kill(server.id(), SIGKILL);
-        server.wait();
-    }
-    EXPECT_EQ(status, 0);
-    const std::string log = TestSupport::ReadWholeFile(files.Dir().File("serve.log"));
-    EXPECT_NE(log.find("path=/tfa_phone_num status=200"), std::string::npos) << log;
 }
 
 } // namespace
