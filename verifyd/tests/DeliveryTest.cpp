@@ -51,10 +51,9 @@ TEST(SmsHook, GetsNumberAndTextAsTwoArgumentsWithoutAShellOrTheServicesDescripto
     const std::string pwned = dir.File("pwned");
     const int leaked = ::dup2(STDIN_FILENO, 77); // deliberately without O_CLOEXEC
     ASSERT_EQ(leaked, 77);
-    SmsHookChannel hook(dir.Write("hook.sh", "#!/bin/sh\nprintf '%s|' \"$#\" \"$1\" \"$2\" > " +
-                                                 dir.File("args") + "\nls /proc/$$/fd > " +
-                                                 dir.File("fds") + "\n", 0755),
-                        seconds(10));
+    const std::string script = "#!/bin/sh\nprintf '%s|' \"$#\" \"$1\" \"$2\" > " + dir.File("args") +
+                               "\nls /proc/$$/fd > " + dir.File("fds") + "\n";
+    SmsHookChannel hook(dir.Write("hook.sh", script, 0755), seconds(10));
     const std::string hostile = "code 042137; $(touch " + pwned + ") `touch " + pwned + "` 'q' \"d\"";
     std::string error;
     EXPECT_TRUE(hook.Deliver({Message::Kind::Phone, "+4915112345678", hostile}, error)) << error;
