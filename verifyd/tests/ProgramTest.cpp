@@ -2,6 +2,7 @@
 
 #include <regex>
 
+#include <Poco/Net/ServerSocket.h>
 #include <Poco/Pipe.h>
 #include <Poco/PipeStream.h>
 #include <Poco/Process.h>
@@ -34,6 +35,12 @@ Outcome Program(const std::vector<std::string>& args)
     Poco::StreamCopier::copyToString(errStream, outcome.err);
     outcome.status = child.wait();
     return outcome;
+}
+
+/// A loopback port that nothing listens on (it was free a moment ago).
+unsigned short FreeLoopbackPort()
+{
+    return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port();
 }
 
 TEST(Program, AdministersAgentsAndContactsAndServesUntilSigterm)

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <Poco/File.h>
-#include <Poco/Net/ServerSocket.h>
 #include <json/json.h>
 
 #include "AdminCommand.h"
@@ -137,12 +136,6 @@ inline std::string AgentSideHash(const std::string& typed)
     std::string hash;
     SDK::CryptoCodeUtils::GetStrSha256(brackmoor::NormalizeContact(typed), hash, 10240);
     return hash;
-}
-
-/// A loopback port that nothing listens on (it was free a moment ago).
-inline unsigned short FreeLoopbackPort()
-{
-    return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port();
 }
 
 } // namespace verifyd_test
