@@ -20,7 +20,7 @@ std::unique_ptr<Database> OpenOrFail(const std::string& path)
     return database;
 }
 
-TEST(Database, CreatesWalDatabaseAtCurrentVersionAndReopens)
+TEST(Database, CreatesTheSchemaInWalModeAndRefusesAFileFromANewerProgram)
 {
     TestSupport::TempDir dir;
     const std::string path = dir.File("v.db");
@@ -34,46 +34,31 @@ TEST(Database, CreatesWalDatabaseAtCurrentVersionAndReopens)
     session << "PRAGMA journal_mode", into(journal), now;
     EXPECT_EQ(version, kSchemaVersion);
     EXPECT_EQ(journal, "wal");
-}
 
-TEST(Database, RefusesAFileFromANewerProgram)
-{
-    TestSupport::TempDir dir;
-    const std::string path = dir.File("v.db");
-    ASSERT_TRUE(OpenOrFail(path));
-    {
-        Poco::Data::Session session("SQLite", path);
-        session << "PRAGMA user_version = " + std::to_string(kSchemaVersion + 1), now;
-    }
+    session << "PRAGMA user_version = " + std::to_string(kSchemaVersion + 1), now;
     std::string error;
     EXPECT_FALSE(Database::Open(path, 2, error));
     EXPECT_NE(error.find("newer"), std::string::npos) << error;
 }
 
-TEST(Database, AgentsAndContactsKeepTheirInvariants)
+TEST(Database, KeepsContactsInOrderUpToTheLimitAndRemovesThemWithTheirAgent)
 {
     TestSupport::TempDir dir;
     std::unique_ptr<Database> db = OpenOrFail(dir.File("v.db"));
     ASSERT_TRUE(db);
-    EXPECT_EQ(db->AddAgent("a", "hash-a"), StoreResult::Ok);
-    EXPECT_EQ(db->AddAgent("a", "other"), StoreResult::Duplicate);
-    EXPECT_EQ(db->AddContact("ghost", "+4915100000000"), StoreResult::NotFound);
+    ASSERT_EQ(db->AddAgent("a", "hash-a"), StoreResult::Ok);
     for (int i = 0; i < kMaxContactsPerAgent; ++i) {
         ASSERT_EQ(db->AddContact("a", "+49151000000" + std::to_string(10 + i)), StoreResult::Ok);
     }
-    EXPECT_EQ(db->AddContact("a", "+4915100000010"), StoreResult::Duplicate);
     EXPECT_EQ(db->AddContact("a", "late@example.org"), StoreResult::Full);
-    EXPECT_EQ(db->RemoveContact("a", "+4915100000011"), StoreResult::Ok);
-    EXPECT_EQ(db->RemoveContact("a", "+4915100000011"), StoreResult::NotFound);
+    ASSERT_EQ(db->RemoveContact("a", "+4915100000011"), StoreResult::Ok);
 
     AgentRecord record;
     ASSERT_EQ(db->FindAgent("a", record), StoreResult::Ok);
-    EXPECT_EQ(record.tokenHash, "hash-a");
-    ASSERT_EQ(record.contacts.size(), static_cast<std::size_t>(kMaxContactsPerAgent - 1));
-    EXPECT_EQ(record.contacts[0], "+4915100000010"); // registration order
-    EXPECT_EQ(record.contacts[1], "+4915100000012");
+    EXPECT_EQ(record.contacts.size(), static_cast<std::size_t>(kMaxContactsPerAgent - 1));
+    EXPECT_EQ(record.contacts[1], "+4915100000012") << "registration order, gaps closed";
 
-    EXPECT_EQ(db->RemoveAgent("a"), StoreResult::Ok);
+    ASSERT_EQ(db->RemoveAgent("a"), StoreResult::Ok);
     EXPECT_EQ(db->FindAgent("a", record), StoreResult::NotFound);
     ASSERT_EQ(db->AddAgent("a", "hash-new"), StoreResult::Ok);
     std::vector<std::string> contacts{"stale"};
@@ -85,13 +70,12 @@ TEST(Database, TwoHandlesWritingAtOnceLoseNothing)
 {
     // Two Database objects stand for the server and an administration command.
     TestSupport::TempDir dir;
-    std::unique_ptr<Database> first = OpenOrFail(dir.File("v.db"));
-    std::unique_ptr<Database> second = OpenOrFail(dir.File("v.db"));
-    ASSERT_TRUE(first && second);
+    const std::unique_ptr<Database> handles[] = {OpenOrFail(dir.File("v.db")),
+                                                 OpenOrFail(dir.File("v.db"))};
+    ASSERT_TRUE(handles[0] && handles[1]);
     std::vector<std::thread> writers;
     for (int w = 0; w < 4; ++w) {
-        Database& db = w % 2 == 0 ? *first : *second;
-        writers.emplace_back([&db, w] {
+        writers.emplace_back([&db = *handles[w % 2], w] {
             const std::string agent = "agent-" + std::to_string(w);
             ASSERT_EQ(db.AddAgent(agent, "h"), StoreResult::Ok);
             for (int i = 0; i < 40; ++i) {
@@ -107,12 +91,12 @@ TEST(Database, TwoHandlesWritingAtOnceLoseNothing)
         writer.join();
     }
     std::vector<AgentSummary> agents;
-    ASSERT_EQ(first->ListAgents(agents), StoreResult::Ok);
+    ASSERT_EQ(handles[0]->ListAgents(agents), StoreResult::Ok);
     ASSERT_EQ(agents.size(), 4u);
     for (const AgentSummary& agent : agents) {
         EXPECT_EQ(agent.contacts, 20) << agent.id;
     }
-    EXPECT_EQ(second->CheckIntegrity(), "ok");
+    EXPECT_EQ(handles[1]->CheckIntegrity(), "ok");
 }
 
 } // namespace

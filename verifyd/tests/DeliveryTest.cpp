@@ -1,16 +1,17 @@
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
+#include <future>
 
 #include <Poco/File.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/SocketStream.h>
 #include <gtest/gtest.h>
 
-#include "CommandRunner.h"
+#include "Courier.h"
 #include "OutboxChannel.h"
 #include "SmsHookChannel.h"
+#include "SmtpChannel.h"
 #include "TestSupport/TempDir.h"
 #include "TestSupport/WaitFor.h"
 
@@ -20,34 +21,20 @@ namespace {
 using std::chrono::seconds;
 using TestSupport::ReadWholeFile;
 
-const Message kSms{Message::Kind::Phone, "+4915112345678",
-                   "Brackmoor verification code 042137 for login reference 4711"};
+const std::string kText = "Brackmoor verification code 042137 for login reference 4711";
+const Message kSms{Message::Kind::Phone, "+4915112345678", kText};
 
-TEST(OutboxChannel, WritesOneCompleteFilePerMessageInTimeOrder)
+std::vector<std::string> FilesIn(const std::string& folder)
 {
-    TestSupport::TempDir dir;
-    std::string error;
-    auto outbox = OutboxChannel::Create(dir.File("spool/outbox"), error);
-    ASSERT_TRUE(outbox) << error;
-    struct stat folder {};
-    ASSERT_EQ(::stat(dir.File("spool/outbox").c_str(), &folder), 0);
-    EXPECT_EQ(folder.st_mode & 0777, 0700u);
-
-    const Message mail{Message::Kind::Mail, "alice@example.org", "second"};
-    ASSERT_TRUE(outbox->Deliver(kSms, error)) << error;
-    ASSERT_TRUE(outbox->Deliver(mail, error)) << error;
-
     std::vector<std::string> names;
-    Poco::File(dir.File("spool/outbox")).list(names);
-    ASSERT_EQ(names.size(), 2u) << "no temporary file may be left behind";
-    std::sort(names.begin(), names.end());
-    const std::string first = dir.File("spool/outbox/" + names[0]);
-    EXPECT_EQ(ReadWholeFile(first), "To: +4915112345678\nChannel: sms\n\n" + kSms.text + "\n");
-    EXPECT_EQ(ReadWholeFile(dir.File("spool/outbox/" + names[1])),
-              "To: alice@example.org\nChannel: mail\n\nsecond\n");
-    struct stat file {};
-    ASSERT_EQ(::stat(first.c_str(), &file), 0);
-    EXPECT_EQ(file.st_mode & 0777, 0600u) << "outbox files hold codes";
+    Poco::File(folder).list(names);
+    return names;
+}
+
+unsigned int Mode(const std::string& path)
+{
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 0777 : 0;
 }
 
 /// Whether `pid` has ended: gone, or a zombie nobody has reaped yet.
@@ -58,74 +45,115 @@ bool Ended(pid_t pid)
     return end == std::string::npos || stat[end + 2] == 'Z' || stat[end + 2] == 'X';
 }
 
-class SmsHook : public ::testing::Test {
-protected:
-    /// A hook script whose body is `body`, after "#!/bin/sh".
-    std::string Script(const std::string& body)
-    {
-        return dir.Write("hook.sh", "#!/bin/sh\n" + body + "\n", 0755);
-    }
-
-    TestSupport::TempDir dir;
-};
-
-TEST_F(SmsHook, GetsNumberAndTextAsTwoArgumentsWithoutAShell)
+TEST(SmsHook, GetsNumberAndTextAsTwoArgumentsWithoutAShellOrTheServicesDescriptors)
 {
-    const std::string out = dir.File("args");
+    TestSupport::TempDir dir;
     const std::string pwned = dir.File("pwned");
-    SmsHookChannel hook(Script("printf '%s|' \"$#\" \"$1\" \"$2\" > " + out), seconds(10));
-    const std::string hostile = "code 042137; $(touch " + pwned + ") `touch " + pwned + "` 'q' \"d\"";
-    std::string error;
-    ASSERT_TRUE(hook.Deliver({Message::Kind::Phone, "+4915112345678", hostile}, error)) << error;
-    EXPECT_EQ(ReadWholeFile(out), "2|+4915112345678|" + hostile + "|");
-    EXPECT_FALSE(Poco::File(pwned).exists());
-}
-
-TEST_F(SmsHook, NonZeroExitIsAFailureAndItsOutputIsLoggedWithoutDigits)
-{
-    SmsHookChannel hook(Script("echo \"gateway refused $2\" >&2; exit 3"), seconds(10));
-    std::string error;
-    EXPECT_FALSE(hook.Deliver(kSms, error));
-    EXPECT_NE(error.find("exited with 3"), std::string::npos) << error;
-    EXPECT_NE(error.find("gateway refused"), std::string::npos) << error;
-    EXPECT_EQ(error.find("042137"), std::string::npos) << error;
-}
-
-TEST_F(SmsHook, AHangingHookIsKilledWithItsChildrenAtTheTimeOut)
-{
-    const std::string pidFile = dir.File("background");
-    SmsHookChannel hook(Script("sleep 30 & echo $! > " + pidFile + "; sleep 30"), seconds(1));
-    const auto start = std::chrono::steady_clock::now();
-    std::string error;
-    EXPECT_FALSE(hook.Deliver(kSms, error));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(5));
-    EXPECT_NE(error.find("timed out"), std::string::npos) << error;
-    // The hook led its own process group, so its background child is gone too.
-    const pid_t background = std::stoi(ReadWholeFile(pidFile));
-    EXPECT_TRUE(TestSupport::WaitFor([&] { return Ended(background); }, seconds(5)));
-}
-
-TEST_F(SmsHook, MissingOrNonExecutableHookFails)
-{
-    const std::string plain = dir.Write("plain.sh", "#!/bin/sh\nexit 0\n", 0644);
-    for (const std::string& command : {dir.File("absent"), plain}) {
-        SmsHookChannel hook(command, seconds(5));
-        std::string error;
-        EXPECT_FALSE(hook.Deliver(kSms, error)) << command;
-        EXPECT_NE(error.find("could not be started"), std::string::npos) << error;
-    }
-}
-
-TEST(CommandRunner, PassesOnNoDescriptorOfTheService)
-{
-    TestSupport::TempDir dir;
     const int leaked = ::dup2(STDIN_FILENO, 77); // deliberately without O_CLOEXEC
     ASSERT_EQ(leaked, 77);
-    const std::string script = dir.Write("fds.sh", "#!/bin/sh\necho $(ls /proc/$$/fd)\n", 0755);
-    const CommandResult result = RunCommand({script}, std::chrono::seconds(10));
+    const std::string script = "#!/bin/sh\nprintf '%s|' \"$#\" \"$1\" \"$2\" > " + dir.File("args") +
+                               "\nls /proc/$$/fd > " + dir.File("fds") + "\n";
+    SmsHookChannel hook(dir.Write("hook.sh", script, 0755), seconds(10));
+    const std::string hostile = "code 042137; $(touch " + pwned + ") `touch " + pwned + "` 'q' \"d\"";
+    std::string error;
+    EXPECT_TRUE(hook.Deliver({Message::Kind::Phone, "+4915112345678", hostile}, error)) << error;
     ::close(leaked);
-    ASSERT_TRUE(result.Succeeded()) << result.output;
-    EXPECT_EQ(result.output.find("77"), std::string::npos) << result.output;
+    EXPECT_EQ(ReadWholeFile(dir.File("args")), "2|+4915112345678|" + hostile + "|");
+    EXPECT_FALSE(Poco::File(pwned).exists());
+    const std::string fds = ReadWholeFile(dir.File("fds"));
+    EXPECT_TRUE(fds.find("2\n") != std::string::npos && fds.find("77") == std::string::npos) << fds;
+}
+
+TEST(SmsHook, FailuresAreReportedWithTheHooksOutputButNoDigits)
+{
+    TestSupport::TempDir dir;
+    const std::string background = dir.File("background");
+    const struct {
+        std::string command;
+        int timeout;
+        std::string expected;
+    } cases[] = {
+        {dir.Write("fail.sh", "#!/bin/sh\necho \"gateway refused $2\" >&2; exit 3\n", 0755), 10,
+         "fail.sh exited with 3: gateway refused Brackmoor verification code ######"},
+        {dir.File("absent"), 10, "absent could not be started"},
+        {dir.Write("plain.sh", "#!/bin/sh\nexit 0\n", 0644), 10, "plain.sh could not be started"},
+        {dir.Write("hang.sh", "#!/bin/sh\nsleep 30 & echo $! > " + background + "; sleep 30\n", 0755),
+         1, "hang.sh timed out and was killed"},
+    };
+    for (const auto& c : cases) {
+        const auto start = std::chrono::steady_clock::now();
+        std::string error;
+        EXPECT_FALSE(SmsHookChannel(c.command, seconds(c.timeout)).Deliver(kSms, error));
+        EXPECT_NE(error.find(c.expected), std::string::npos) << error;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(5));
+    }
+    // The hook led its own process group, so its background child is gone too.
+    const pid_t child = std::stoi(ReadWholeFile(background));
+    EXPECT_TRUE(TestSupport::WaitFor([&] { return Ended(child); }, seconds(5)));
+}
+
+/// Takes one SMTP session on `socket` and returns what the client sent. It
+/// answers 250 to everything but RCPT, whose reply the test chooses.
+std::future<std::string> RelayOnce(Poco::Net::ServerSocket& socket, const std::string& rcptReply)
+{
+    return std::async(std::launch::async, [&socket, rcptReply] {
+        if (!socket.poll(Poco::Timespan(10, 0), Poco::Net::Socket::SELECT_READ)) {
+            return std::string("no client came");
+        }
+        Poco::Net::StreamSocket peer = socket.acceptConnection();
+        peer.setReceiveTimeout(Poco::Timespan(10, 0));
+        Poco::Net::SocketStream io(peer);
+        io << "220 relay ESMTP\r\n" << std::flush;
+        std::string transcript;
+        bool data = false;
+        for (std::string line; std::getline(io, line);) {
+            transcript += line + "\n";
+            std::string reply = "250 ok";
+            if (data) {
+                if (line != ".\r") {
+                    continue;
+                }
+                data = false;
+            } else if (line.rfind("DATA", 0) == 0) {
+                data = true;
+                reply = "354 go on";
+            } else if (line.rfind("RCPT", 0) == 0) {
+                reply = rcptReply;
+            }
+            io << reply << "\r\n" << std::flush;
+        }
+        return transcript;
+    });
+}
+
+std::unique_ptr<DeliveryChannel> Smtp(const Poco::Net::ServerSocket& relay)
+{
+    return std::make_unique<SmtpChannel>("127.0.0.1", relay.address().port(),
+                                         "otp@brackmoor.test", seconds(5));
+}
+
+TEST(Courier, SendsMailToTheRelayAndPhonesToAPrivateOutboxAndStopsAtAFailure)
+{
+    TestSupport::TempDir dir;
+    const std::string outbox = dir.File("spool/outbox");
+    std::string error;
+    Poco::Net::ServerSocket relay(Poco::Net::SocketAddress("127.0.0.1", 0));
+    std::future<std::string> session = RelayOnce(relay, "250 ok");
+    Courier courier(OutboxChannel::Create(outbox, error), Smtp(relay), nullptr);
+    ASSERT_TRUE(courier.DeliverToAll("web-01", {"+4915112345678", "alice@example.org"}, kText));
+    const std::string transcript = session.get();
+    EXPECT_NE(transcript.find("MAIL FROM:<otp@brackmoor.test>\r\n"), std::string::npos) << transcript;
+    EXPECT_NE(transcript.find("RCPT TO:<alice@example.org>\r\n"), std::string::npos) << transcript;
+    EXPECT_NE(transcript.find("Subject: Brackmoor verification code\r\n"), std::string::npos);
+    EXPECT_NE(transcript.find("\r\n" + kText + "\r\n"), std::string::npos) << transcript;
+    const std::vector<std::string> names = FilesIn(outbox);
+    ASSERT_EQ(names.size(), 1u) << "no temporary file may be left behind";
+    EXPECT_EQ(Mode(outbox), 0700u);
+    EXPECT_EQ(Mode(outbox + "/" + names[0]), 0600u) << "outbox files hold codes";
+
+    session = RelayOnce(relay, "550 no such user");
+    EXPECT_FALSE(courier.DeliverToAll("web-01", {"alice@example.org", "+4915112345678"}, kText));
+    EXPECT_EQ(FilesIn(outbox).size(), 1u) << "no message may follow a failed one";
 }
 
 } // namespace

@@ -5,49 +5,39 @@
 namespace brackmoor::verifyd {
 namespace {
 
-using std::chrono::seconds;
-using Clock = RateLimiter::Clock;
-
-const Clock::time_point t0 = Clock::time_point() + std::chrono::hours(24);
-
-TEST(RateLimiter, MinuteLimitSlidesAndTellsWhenToRetry)
+TEST(RateLimiter, LimitsSlidePerAgentAndOnlyGrantedRequestsCount)
 {
-    RateLimiter limiter(2, 100);
-    seconds retry(0);
-    EXPECT_TRUE(limiter.TryAcquire("a", t0, retry));
-    EXPECT_TRUE(limiter.TryAcquire("a", t0 + seconds(10), retry));
-    EXPECT_FALSE(limiter.TryAcquire("a", t0 + seconds(20), retry));
-    EXPECT_EQ(retry, seconds(40)); // the first request leaves the window at t0 + 60
-    EXPECT_FALSE(limiter.TryAcquire("a", t0 + seconds(59), retry));
-    EXPECT_EQ(retry, seconds(1));
-    EXPECT_TRUE(limiter.TryAcquire("a", t0 + seconds(60), retry));
-    EXPECT_FALSE(limiter.TryAcquire("a", t0 + seconds(61), retry));
-    EXPECT_EQ(retry, seconds(9)); // now the one from t0 + 10 must leave
-}
-
-TEST(RateLimiter, HourLimitHoldsAcrossMinutes)
-{
-    RateLimiter limiter(10, 3);
-    seconds retry(0);
-    for (int minute = 0; minute < 3; ++minute) {
-        EXPECT_TRUE(limiter.TryAcquire("a", t0 + std::chrono::minutes(minute), retry));
+    const RateLimiter::Clock::time_point t0 = RateLimiter::Clock::time_point() + std::chrono::hours(24);
+    RateLimiter minute(2, 100);
+    RateLimiter hour(10, 3);
+    const struct {
+        RateLimiter& limiter;
+        const char* agent;
+        int at; ///< seconds after t0
+        bool granted;
+        int retryAfter;
+    } steps[] = {
+        {minute, "a", 0, true, 0},
+        {minute, "a", 10, true, 0},
+        {minute, "a", 20, false, 40}, // the first request leaves the window at 60
+        {minute, "b", 20, true, 0},   // agents are counted apart
+        {minute, "a", 59, false, 1},
+        {minute, "a", 60, true, 0},   // had the refusals counted, "a" would still wait
+        {minute, "a", 61, false, 9},  // now the one from 10 must leave
+        {hour, "a", 0, true, 0},
+        {hour, "a", 60, true, 0},
+        {hour, "a", 120, true, 0},
+        {hour, "a", 1800, false, 1800},
+        {hour, "a", 3600, true, 0},
+    };
+    for (const auto& s : steps) {
+        std::chrono::seconds retry(0);
+        EXPECT_EQ(s.limiter.TryAcquire(s.agent, t0 + std::chrono::seconds(s.at), retry), s.granted)
+            << s.at;
+        if (!s.granted) {
+            EXPECT_EQ(retry.count(), s.retryAfter) << s.at;
+        }
     }
-    EXPECT_FALSE(limiter.TryAcquire("a", t0 + std::chrono::minutes(30), retry));
-    EXPECT_EQ(retry, seconds(30 * 60));
-    EXPECT_TRUE(limiter.TryAcquire("a", t0 + std::chrono::hours(1), retry));
-}
-
-TEST(RateLimiter, AgentsAreCountedApartAndRefusalsAreNotCounted)
-{
-    RateLimiter limiter(1, 10);
-    seconds retry(0);
-    EXPECT_TRUE(limiter.TryAcquire("a", t0, retry));
-    EXPECT_TRUE(limiter.TryAcquire("b", t0, retry));
-    for (int i = 1; i < 50; ++i) {
-        EXPECT_FALSE(limiter.TryAcquire("a", t0 + seconds(i), retry));
-    }
-    // Had the refusals counted, "a" would be locked out well past a minute.
-    EXPECT_TRUE(limiter.TryAcquire("a", t0 + seconds(60), retry));
 }
 
 } // namespace

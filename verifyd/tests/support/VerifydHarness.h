@@ -1,23 +1,34 @@
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include <Poco/File.h>
 #include <json/json.h>
 
+#include "AdminCommand.h"
+#include "Framework/ConfigManager.h"
+#include "SDK/CryptoCodeUtils.h"
+#include "SDK/HttpUtils.h"
+#include "SDK/JsonUtils.h"
 #include "Service.h"
 #include "TestSupport/TempDir.h"
 #include "TestSupport/TestCertificates.h"
+#include "brackmoor/Contact.h"
 
 namespace verifyd_test {
+
+using Params = std::map<std::string, std::string>;
 
 /// One answer of the service as the agent's HTTP client received it.
 struct Reply {
     int status = -1;
     std::string body;
-    std::map<std::string, std::string> headers;
+    Params headers;
     Json::Value json; ///< the body parsed, null when it is not JSON
 };
 
@@ -27,42 +38,104 @@ struct Reply {
 /// go through SDK::HttpUtils exactly as the agent sends them.
 class VerifydHarness {
 public:
-    /// `extraConfig` is appended to the INI file, for instance
-    /// "[limits]\ncodes_per_minute = 2\n".
-    explicit VerifydHarness(const std::string& extraConfig = "");
-    ~VerifydHarness();
+    /// `extraConfig` is appended to the INI file, for instance "[sms]\ncommand = hook.sh\n".
+    explicit VerifydHarness(const std::string& extraConfig = "")
+        : certificates(dir.Path())
+    {
+        brackmoor::verifyd::ServiceConfig config;
+        if (!certificates.Ok()) {
+            error = "no certificates: " + certificates.Error();
+        } else if (brackmoor::verifyd::LoadServiceConfig(WriteConfig("verifyd.ini", 0, extraConfig),
+                                                         config, error)) {
+            service = brackmoor::verifyd::Service::Create(config, error);
+        }
+        if (service) {
+            service->Start();
+            Framework::ConfigManager* agent = Framework::ConfigManager::GetInstance();
+            agent->Set("service.address", "localhost:" + std::to_string(service->Port()));
+            agent->Set("service.ca_file", certificates.CaFile());
+        }
+    }
+    ~VerifydHarness()
+    {
+        if (service) {
+            service->Stop();
+        }
+    }
 
     /// "" when the service runs; otherwise what went wrong.
     const std::string& Error() const { return error; }
 
+    /// Writes a configuration for this directory's certificates, database and
+    /// outbox, listening on `port`, followed by `extra`; returns its path.
+    std::string WriteConfig(const std::string& name, unsigned short port,
+                            const std::string& extra) const
+    {
+        return dir.Write(name, "[server]\nport = " + std::to_string(port) + "\nthreads = 8\n"
+                               "[tls]\ncertificate = server.pem\nprivate_key = server.key\n"
+                               "[database]\npath = verifyd.db\n[outbox]\ndirectory = outbox\n" +
+                                   extra);
+    }
+    std::string ConfigFile() const { return dir.File("verifyd.ini"); }
+    const TestSupport::TempDir& Dir() const { return dir; }
+
     /// Registers an agent with `contacts` (as an operator would type them)
     /// through the administration command's code path; returns its token.
-    std::string AddAgent(const std::string& id, const std::vector<std::string>& contacts);
+    std::string AddAgent(const std::string& id, const std::vector<std::string>& contacts)
+    {
+        std::ostringstream out;
+        std::ostringstream err;
+        brackmoor::verifyd::AdminCommand admin(service->Store(), out, err);
+        bool added = admin.Run({"agent", "add", id}) == 0;
+        for (const std::string& contact : contacts) {
+            added = added && admin.Run({"contact", "add", id, contact}) == 0;
+        }
+        const std::string token = out.str();
+        return added ? token.substr(0, token.find('\n')) : "";
+    }
 
-    /// GET or POST "https://SERVICE_ADDRESS<path>" through SDK::HttpUtils.
-    Reply Get(const std::string& path, const std::map<std::string, std::string>& params,
-              const std::map<std::string, std::string>& headers);
-    Reply Post(const std::string& path, const std::map<std::string, std::string>& params,
-               const std::map<std::string, std::string>& headers, const std::string& body);
+    /// `method` ("GET" or "POST") "https://SERVICE_ADDRESS<path>" through SDK::HttpUtils.
+    Reply Call(const std::string& method, const std::string& path, const Params& params,
+               const Params& headers, const std::string& body = "")
+    {
+        SDK::HttpUtils* http = SDK::HttpUtils::GetInstance();
+        const std::string url = "https://SERVICE_ADDRESS" + path;
+        Reply reply;
+        reply.status = method == "GET"
+                           ? http->Get(url, params, headers, reply.headers, reply.body, 200)
+                           : http->Post(url, params, headers, body, reply.headers, reply.body, 200);
+        if (SDK::JsonUtils::ParseJsonStr(reply.body.data(), reply.body.size(), reply.json) != 0) {
+            reply.json = Json::Value();
+        }
+        return reply;
+    }
 
-    /// Outbox file names, oldest first (as the names sort).
-    std::vector<std::string> OutboxFiles() const;
-    /// The content of the newest outbox file, "" when there is none.
-    std::string NewestOutboxMessage() const;
-
-    const TestSupport::TempDir& Dir() const { return dir; }
-    std::string ConfigFile() const { return dir.File("verifyd.ini"); }
-    brackmoor::verifyd::Service& Server() { return *service; }
+    /// The outbox messages, oldest first.
+    std::vector<std::string> OutboxMessages() const
+    {
+        std::vector<std::string> messages; // the file names, then each replaced by its content
+        Poco::File(dir.File("outbox")).list(messages);
+        std::sort(messages.begin(), messages.end());
+        for (std::string& message : messages) {
+            message = TestSupport::ReadWholeFile(dir.File("outbox/" + message));
+        }
+        return messages;
+    }
 
 private:
     TestSupport::TempDir dir;
-    std::unique_ptr<TestSupport::TestCertificates> certificates;
+    TestSupport::TestCertificates certificates;
     std::unique_ptr<brackmoor::verifyd::Service> service;
     std::string error;
 };
 
 /// The hash the agent computes for a contact a user typed: the PAM module
 /// normalises the text, the agent hashes it with the SDK.
-std::string AgentSideHash(const std::string& typed);
+inline std::string AgentSideHash(const std::string& typed)
+{
+    std::string hash;
+    SDK::CryptoCodeUtils::GetStrSha256(brackmoor::NormalizeContact(typed), hash, 10240);
+    return hash;
+}
 
 } // namespace verifyd_test
