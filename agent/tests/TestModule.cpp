@@ -10,16 +10,15 @@
 // so a test can signal the agent while it is shutting down; likewise Init
 // with BRACKMOOR_TEST_MODULE_HOLD_INIT, while it is starting.
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include "Framework/Module.h"
+#include "TestSupport/WaitFor.h"
 
 namespace {
 
@@ -27,31 +26,15 @@ const char* const kCallbackId = "10001";
 
 void Record(const std::string& event)
 {
-    const char* path = std::getenv("BRACKMOOR_TEST_MODULE_RECORD");
-    if (path == nullptr) {
-        return;
-    }
-    std::string line = std::string(TEST_MODULE_NAME) + " " + event;
-    for (char& c : line) {
-        c = c == '\n' ? ' ' : c;
-    }
-    line += '\n';
-    const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (fd >= 0) {
-        (void)!write(fd, line.data(), line.size());
-        close(fd);
+    if (const char* path = std::getenv("BRACKMOOR_TEST_MODULE_RECORD")) {
+        std::ofstream(path, std::ios::app) << TEST_MODULE_NAME << ' ' << event << '\n';
     }
 }
 
 void WaitForRelease(const char* variable)
 {
-    const char* hold = std::getenv(variable);
-    if (hold == nullptr) {
-        return;
-    }
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (access(hold, F_OK) != 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (const char* hold = std::getenv(variable)) {
+        TestSupport::WaitFor([hold] { return access(hold, F_OK) == 0; }, std::chrono::seconds(60));
     }
 }
 
@@ -111,11 +94,5 @@ extern "C" Framework::Module* CreateModule()
 #else
     return new TestModule();
 #endif
-}
-#else
-// Something to export, so that the library is a valid shared object.
-extern "C" int NotAModuleFactory()
-{
-    return 0;
 }
 #endif
