@@ -12,9 +12,9 @@
 
 #include "AgentTestSupport.h"
 #include "TestSupport/TempDir.h"
-#include "TestSupport/WaitFor.h"
 
 using AgentTest::AgentProcess;
+using AgentTest::Eventually;
 using AgentTest::WriteFile;
 
 namespace {
@@ -44,45 +44,36 @@ protected:
         }
     }
 
-    std::unique_ptr<AgentProcess> Start()
-    {
-        return std::make_unique<AgentProcess>(std::vector<std::string>{"--config", config, "--foreground"}, dir.Path());
-    }
-
-    bool Eventually(const std::string& file, const std::string& text)
-    {
-        return TestSupport::WaitFor([&] { return AgentTest::FileContains(file, text); }, kDeadline);
-    }
-
     TestSupport::TempDir dir;
     const std::string record = dir.File("record");
     const std::string policy = dir.File("tfa.json");
     const std::string config = dir.File("agent.conf");
     const std::string log = dir.File("log/agent.log");
+    const std::vector<std::string> args = {"--config", config, "--foreground"};
 };
 
 TEST_F(AgentRunTest, DeliversAtStartAndOnSighupOnlyWhenChangedAndRefusesASecondInstance)
 {
-    auto agent = Start();
-    ASSERT_TRUE(Eventually(record, "alpha policy tfa {\"content\": 1}\n")) << agent->Stderr();
+    AgentProcess agent(args, dir.Path());
+    ASSERT_TRUE(Eventually(record, "alpha policy tfa {\"content\": 1}\n")) << agent.Stderr();
 
-    auto second = Start();
-    EXPECT_EQ(second->Wait(kDeadline), 1);
-    EXPECT_EQ(second->Stderr(), "brackmoor-agent: another instance is running (pid " + std::to_string(agent->Pid()) +
+    AgentProcess second(args, dir.Path());
+    EXPECT_EQ(second.Wait(kDeadline), 1);
+    EXPECT_EQ(second.Stderr(), "brackmoor-agent: another instance is running (pid " + std::to_string(agent.Pid()) +
                                     "); pid file " + dir.File("agent.pid") + "\n");
 
-    agent->Signal(SIGHUP);
+    agent.Signal(SIGHUP);
     ASSERT_TRUE(Eventually(log, "Policy(tfa) from " + policy + " is unchanged; not pushed again."));
     WriteFile(policy, "{\"content\": 2}");
-    agent->Signal(SIGHUP);
+    agent.Signal(SIGHUP);
     ASSERT_TRUE(Eventually(record, "alpha policy tfa {\"content\": 2}\n"));
     WriteFile(policy, "{\"reject\": true}");
-    agent->Signal(SIGHUP);
+    agent.Signal(SIGHUP);
     ASSERT_TRUE(Eventually(log, "Policy(tfa) from " + policy + " rejected (module alpha, callback 10001, feature "
                                 "tfa); the policy in force stays."));
 
-    agent->Signal(SIGTERM);
-    EXPECT_EQ(agent->Wait(kDeadline), 0) << agent->Stderr();
+    agent.Signal(SIGTERM);
+    EXPECT_EQ(agent.Wait(kDeadline), 0) << agent.Stderr();
     // One of each module, in reverse order of loading at the end; the second instance loaded none.
     EXPECT_EQ(TestSupport::ReadWholeFile(record),
               "alpha create\nalpha init\nbeta create\nbeta init\nalpha policy tfa {\"content\": 1}\n"
@@ -98,24 +89,24 @@ TEST_F(AgentRunTest, AStopWhileStartingPushesNoPolicyAndASecondSignalCannotCutTh
     const std::string unInitHold = dir.File("release-uninit");
     setenv(kHoldInit, initHold.c_str(), 1);
     setenv(kHoldUnInit, unInitHold.c_str(), 1);
-    auto agent = Start();
-    ASSERT_TRUE(Eventually(record, "alpha init\n")) << agent->Stderr();
-    agent->Signal(SIGINT);
+    AgentProcess agent(args, dir.Path());
+    ASSERT_TRUE(Eventually(record, "alpha init\n")) << agent.Stderr();
+    agent.Signal(SIGINT);
     WriteFile(initHold, "");
 
     ASSERT_TRUE(Eventually(record, "beta uninit begin\n"));
-    agent->Signal(SIGTERM);
-    agent->Signal(SIGINT);
+    agent.Signal(SIGTERM);
+    agent.Signal(SIGINT);
     ASSERT_TRUE(Eventually(log, "SIGTERM received during shut-down; ignored"));
     ASSERT_TRUE(Eventually(log, "SIGINT received during shut-down; ignored"));
-    EXPECT_EQ(agent->Wait(std::chrono::milliseconds(0)), -1) << "stopped before the modules were unloaded";
+    EXPECT_EQ(agent.Wait(std::chrono::milliseconds(0)), -1) << "stopped before the modules were unloaded";
 
     WriteFile(unInitHold, "");
-    EXPECT_EQ(agent->Wait(kDeadline), 0);
+    EXPECT_EQ(agent.Wait(kDeadline), 0);
     EXPECT_EQ(TestSupport::ReadWholeFile(record),
               "alpha create\nalpha init\nbeta create\nbeta init\n" + std::string(kUnloaded));
     EXPECT_TRUE(AgentTest::FileContains(log, "SIGINT received while starting; shutting down."));
-    EXPECT_NE(agent->Stderr().find("brackmoor-agent stopped."), std::string::npos) << agent->Stderr();
+    EXPECT_NE(agent.Stderr().find("brackmoor-agent stopped."), std::string::npos) << agent.Stderr();
 }
 
 } // namespace

@@ -37,6 +37,11 @@ bool FileContains(const std::string& path, const std::string& text)
     return TestSupport::ReadWholeFile(path).find(text) != std::string::npos;
 }
 
+bool Eventually(const std::string& path, const std::string& text, std::chrono::milliseconds timeout)
+{
+    return TestSupport::WaitFor([&] { return FileContains(path, text); }, timeout);
+}
+
 std::string ConfigText(const std::string& dir, const std::string& agentLine, const std::string& module,
                        const std::string& feature)
 {

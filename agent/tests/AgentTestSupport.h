@@ -20,6 +20,10 @@ void CopyFile(const std::string& from, const std::string& to, unsigned int mode 
 /// Whether the content of `path` contains `text`.
 bool FileContains(const std::string& path, const std::string& text);
 
+/// Waits until `path` contains `text`: how tests follow a running agent.
+bool Eventually(const std::string& path, const std::string& text,
+                std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
 /// A complete agent configuration with its files in `dir` and one feed,
 /// [policy.tfa] from `dir`/tfa.json to `module`; `agentLine` is the third
 /// line of [agent], where the modules are.
