@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::chrono::seconds kDeadline(20);
 const char* const kHoldInit = "BRACKMOOR_TEST_MODULE_HOLD_INIT";
-const char* const kHoldUnInit = "BRACKMOOR_TEST_MODULE_HOLD";
+const char* const kHoldUnInit = "BRACKMOOR_TEST_MODULE_HOLD_UNINIT";
 const char* const kUnloaded = "beta uninit begin\nbeta uninit end\nbeta destroy\n"
                               "alpha uninit begin\nalpha uninit end\nalpha destroy\n";
 

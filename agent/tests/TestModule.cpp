@@ -6,9 +6,9 @@
 //   TEST_MODULE_INIT_THROWS   Init throws
 //   TEST_MODULE_FACTORY_NULL  CreateModule returns null
 //   TEST_MODULE_NO_FACTORY    the library exports no CreateModule at all
-// With BRACKMOOR_TEST_MODULE_HOLD set, UnInit waits until that file exists,
-// so a test can signal the agent while it is shutting down; likewise Init
-// with BRACKMOOR_TEST_MODULE_HOLD_INIT, while it is starting.
+// With BRACKMOOR_TEST_MODULE_HOLD_INIT set, Init waits until that file
+// exists, so a test can signal the agent while it is starting; likewise
+// UnInit with BRACKMOOR_TEST_MODULE_HOLD_UNINIT, while it is shutting down.
 
 #include <unistd.h>
 
@@ -38,11 +38,10 @@ void WaitForRelease(const char* variable)
     }
 }
 
-/// Accepts every document that does not contain the word "reject".
 class TestPolicy : public Framework::Policy {
 public:
     using Framework::Policy::Policy;
-    bool Parse(const std::string& content) override { return content.find("reject") == std::string::npos; }
+    bool Parse(const std::string&) override { return true; }
     void Dispatch(Framework::Policy*) override {}
 };
 
@@ -66,21 +65,17 @@ public:
     void UnInit() override
     {
         Record("uninit begin");
-        WaitForRelease("BRACKMOOR_TEST_MODULE_HOLD");
+        WaitForRelease("BRACKMOOR_TEST_MODULE_HOLD_UNINIT");
         Framework::Module::UnInit();
         Record("uninit end");
     }
 
+    /// Accepts every document that does not contain the word "reject".
     Framework::Policy* MakePolicy(const std::string& feature, const std::string& content, Framework::Policy*&)
     {
-        auto* policy = new TestPolicy(feature);
-        if (!policy->Parse(content)) {
-            Record("reject " + feature + " " + content);
-            delete policy;
-            return nullptr;
-        }
-        Record("policy " + feature + " " + content);
-        return policy;
+        const bool rejected = content.find("reject") != std::string::npos;
+        Record((rejected ? "reject " : "policy ") + feature + " " + content);
+        return rejected ? nullptr : new TestPolicy(feature);
     }
 };
 
