@@ -112,16 +112,6 @@ int AgentProcess::Wait(std::chrono::milliseconds timeout)
     return exited ? status : -1;
 }
 
-std::string AgentProcess::Stdout() const
-{
-    return TestSupport::ReadWholeFile(stdoutPath);
-}
-
-std::string AgentProcess::Stderr() const
-{
-    return TestSupport::ReadWholeFile(stderrPath);
-}
-
 AgentRun RunAgent(const std::vector<std::string>& args, const std::string& outputDir)
 {
     AgentProcess process(args, outputDir);

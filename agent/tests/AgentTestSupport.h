@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "TestSupport/TempDir.h"
+
 namespace AgentTest {
 
 /// The library of one test module variant (see TestModule.cpp), as built.
@@ -45,8 +47,8 @@ public:
     /// Its exit status once it exits within `timeout`; -1 while it runs or
     /// when a signal ended it.
     int Wait(std::chrono::milliseconds timeout);
-    std::string Stdout() const;
-    std::string Stderr() const;
+    std::string Stdout() const { return TestSupport::ReadWholeFile(stdoutPath); }
+    std::string Stderr() const { return TestSupport::ReadWholeFile(stderrPath); }
 
 private:
     pid_t pid = -1;
