@@ -83,42 +83,43 @@ struct Breakage {
     const char* name;
     const char* file;     ///< under the root; nullptr: no file changed
     const char* content;  ///< the file's new content; nullptr: the file is removed
-    const char* sshdSettings;
-    const char* sshdFailure;
     const char* reason;   ///< expected in the verdict
+    const char* sshdSettings = kSshdOn;
+    const char* sshdFailure = "";
 };
 
 const Breakage kBreakages[] = {
-    {"service_file_without_linkable_include", "/etc/pam.d/sshd", "account required pam_nologin.so\n", kSshdOn, "",
+    {"service_file_without_linkable_include", "/etc/pam.d/sshd", "account required pam_nologin.so\n",
      "has no include line of password-auth or common-auth that could be linked: switching on succeeds without "
      "linking anything"},
-    {"service_file_not_switched", "/etc/pam.d/sshd", "@include common-auth\n", kSshdOn, "",
+    {"service_file_not_switched", "/etc/pam.d/sshd", "@include common-auth\n",
      "not switched: line 1 still includes the system's auth stack"},
-    {"include_file_missing_under_switched_service", "/etc/pam.d/brackmoor-auth", nullptr, kSshdOn, "",
+    {"include_file_missing_under_switched_service", "/etc/pam.d/brackmoor-auth", nullptr,
      "missing, although /etc/pam.d/sshd includes it: sshd's PAM stack is broken"},
-    {"include_file_without_module_line", "/etc/pam.d/brackmoor-auth", "auth required pam_unix.so\n", kSshdOn, "",
+    {"include_file_without_module_line", "/etc/pam.d/brackmoor-auth", "auth required pam_unix.so\n",
      "present but has no auth line calling pam_brackmoor.so"},
     {"drop_in_turns_keyboard_interactive_off", "/etc/ssh/sshd_config.d/50-cloud.conf",
-     "# hardening\nKbdInteractiveAuthentication=no\n", kSshdOn, "",
-     "a drop-in turns keyboard-interactive authentication off: "},
+     "# hardening\nKbdInteractiveAuthentication=no\n", "a drop-in turns keyboard-interactive authentication off: "},
     {"earlier_line_of_the_alias_wins", "/etc/ssh/sshd_config",
      "challengeresponseauthentication no\n#KbdInteractiveAuthentication no\nKbdInteractiveAuthentication yes\n"
      "UsePAM yes\n",
-     kSshdOn, "", "keyboard-interactive authentication no, from "},
+     "keyboard-interactive authentication no, from "},
     {"keyword_switched_off", "/etc/ssh/sshd_config",
-     "KbdInteractiveAuthentication no\n#KbdInteractiveAuthentication yes\nUsePAM yes\n", kSshdOn, "",
+     "KbdInteractiveAuthentication no\n#KbdInteractiveAuthentication yes\nUsePAM yes\n",
      "KbdInteractiveAuthentication no is active"},
-    {"no_keyword_line_to_switch", "/etc/ssh/sshd_config", "UsePAM yes\n", kSshdOn, "",
+    {"no_keyword_line_to_switch", "/etc/ssh/sshd_config", "UsePAM yes\n",
      "the agent cannot switch keyboard-interactive authentication on"},
     {"use_pam_only_in_a_match_block", "/etc/ssh/sshd_config",
-     "#KbdInteractiveAuthentication no\nKbdInteractiveAuthentication yes\nMatch User backup\n  UsePAM yes\n", kSshdOn,
-     "", "UsePAM is not set anywhere; sshd's default is no"},
-    {"module_copy_missing_where_pam_loads", "/lib/x86_64-linux-gnu/security/pam_brackmoor.so", nullptr, kSshdOn, "",
+     "#KbdInteractiveAuthentication no\nKbdInteractiveAuthentication yes\nMatch User backup\n  UsePAM yes\n",
+     "UsePAM is not set anywhere; sshd's default is no"},
+    {"module_copy_missing_where_pam_loads", "/lib/x86_64-linux-gnu/security/pam_brackmoor.so", nullptr,
      "where PAM loads its modules from"},
-    {"sshd_reports_keyboard_interactive_off", nullptr, nullptr, "usepam yes\\nkbdinteractiveauthentication no\\n", "",
-     "kbdinteractiveauthentication no: sshd will not ask for the second factor"},
-    {"sshd_refuses_the_configuration", nullptr, nullptr, "", "Bad configuration option: Frobnicate",
-     "failed (Bad configuration option: Frobnicate): sshd would not start with this configuration"},
+    {"sshd_reports_keyboard_interactive_off", nullptr, nullptr,
+     "kbdinteractiveauthentication no: sshd will not ask for the second factor",
+     "usepam yes\\nkbdinteractiveauthentication no\\n"},
+    {"sshd_refuses_the_configuration", nullptr, nullptr,
+     "failed (Bad configuration option: Frobnicate): sshd would not start with this configuration", "",
+     "Bad configuration option: Frobnicate"},
 };
 
 class StatusBreakageTest : public ::testing::TestWithParam<Breakage> {};
