@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,45 +9,27 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <stdexcept>
-#include <thread>
 
+#include "TestSupport/TempDir.h"
 #include "TestSupport/WaitFor.h"
-
-extern char** environ;
 
 namespace AgentTest {
 
-std::string Built::TestModule(const std::string& variant)
+std::string TestModule(const std::string& variant)
 {
     return std::string(BRACKMOOR_TEST_MODULE_DIR) + "/libagent_test_module_" + variant + ".so";
-}
-
-void CopyFile(const std::string& from, const std::string& to, unsigned int mode)
-{
-    std::filesystem::create_directories(std::filesystem::path(to).parent_path());
-    std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing);
-    ::chmod(to.c_str(), static_cast<mode_t>(mode));
 }
 
 void WriteFile(const std::string& path, const std::string& content, unsigned int mode)
 {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-    out.close();
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
     ::chmod(path.c_str(), static_cast<mode_t>(mode));
 }
 
-std::vector<std::string> ReadLines(const std::string& path)
+void CopyFile(const std::string& from, const std::string& to, unsigned int mode)
 {
-    std::vector<std::string> lines;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
+    WriteFile(to, TestSupport::ReadWholeFile(from), mode);
 }
 
 bool FileContains(const std::string& path, const std::string& text)
@@ -56,54 +37,49 @@ bool FileContains(const std::string& path, const std::string& text)
     return TestSupport::ReadWholeFile(path).find(text) != std::string::npos;
 }
 
-AgentProcess::AgentProcess(const std::vector<std::string>& args, const std::map<std::string, std::string>& env,
-                           const std::string& outputDir)
+bool Eventually(const std::string& path, const std::string& text, std::chrono::milliseconds timeout)
+{
+    return TestSupport::WaitFor([&] { return FileContains(path, text); }, timeout);
+}
+
+std::string ConfigText(const std::string& dir, const std::string& agentLine, const std::string& module,
+                       const std::string& feature)
+{
+    return "[agent]\nid = agent-7\n" + agentLine + "\npid_file = " + dir + "/agent.pid\n"
+           "[service]\naddress = 127.0.0.1:9\nca_file = " + dir + "/ca.pem\n"
+           "auth_token_file = " + dir + "/token\nconnect_timeout = 5\n"
+           "[log]\ndir = " + dir + "/log\nlevel = information\n"
+           "[policy.tfa]\nfile = " + dir + "/tfa.json\nmodule = " + module + "\ncallback = 10001\n"
+           "feature = " + feature + "\n";
+}
+
+AgentProcess::AgentProcess(const std::vector<std::string>& args, const std::string& outputDir)
 {
     static std::atomic<int> started(0);
     const std::string suffix = std::to_string(++started);
     stdoutPath = outputDir + "/agent.stdout." + suffix;
     stderrPath = outputDir + "/agent.stderr." + suffix;
-    std::vector<std::string> argStrings;
-    argStrings.push_back(Built::Agent());
+    std::vector<std::string> argStrings = {BRACKMOOR_AGENT_BINARY};
     argStrings.insert(argStrings.end(), args.begin(), args.end());
-    std::vector<std::string> envStrings;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string text = *entry;
-        if (env.count(text.substr(0, text.find('='))) == 0) {
-            envStrings.push_back(text);
-        }
-    }
-    for (const auto& [key, value] : env) {
-        envStrings.push_back(key + "=" + value);
-    }
     std::vector<char*> argv;
     for (std::string& arg : argStrings) {
         argv.push_back(arg.data());
     }
     argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (std::string& entry : envStrings) {
-        envp.push_back(entry.data());
+    pid = fork();
+    if (pid == 0) {
+        // Only async-signal-safe calls here. The agent starts with a clean
+        // signal mask whatever the test runner blocks.
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        const int out = open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int err = open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (out >= 0 && err >= 0 && dup2(out, STDOUT_FILENO) >= 0 && dup2(err, STDERR_FILENO) >= 0) {
+            execv(argv[0], argv.data());
+        }
+        _exit(127);
     }
-    envp.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    // The test runner may block signals of its own; the agent starts with a clean mask.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-    if (posix_spawn(&pid, argv[0], &actions, &attributes, argv.data(), envp.data()) != 0) {
-        pid = -1;
-    }
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
 }
 
 AgentProcess::~AgentProcess()
@@ -112,8 +88,6 @@ AgentProcess::~AgentProcess()
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
-    ::unlink(stdoutPath.c_str());
-    ::unlink(stderrPath.c_str());
 }
 
 void AgentProcess::Signal(int number) const
@@ -125,13 +99,10 @@ void AgentProcess::Signal(int number) const
 
 int AgentProcess::Wait(std::chrono::milliseconds timeout)
 {
-    if (pid <= 0) {
-        return -1;
-    }
     TestSupport::WaitFor(
         [this] {
             int raw = 0;
-            if (!exited && waitpid(pid, &raw, WNOHANG) == pid) {
+            if (pid > 0 && !exited && waitpid(pid, &raw, WNOHANG) == pid) {
                 exited = true;
                 status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
             }
@@ -141,24 +112,11 @@ int AgentProcess::Wait(std::chrono::milliseconds timeout)
     return exited ? status : -1;
 }
 
-std::string AgentProcess::Stdout() const
+AgentRun RunAgent(const std::vector<std::string>& args, const std::string& outputDir)
 {
-    return TestSupport::ReadWholeFile(stdoutPath);
-}
-
-std::string AgentProcess::Stderr() const
-{
-    return TestSupport::ReadWholeFile(stderrPath);
-}
-
-int RunAgent(const std::vector<std::string>& args, const std::string& outputDir, std::string& out,
-             std::string& err, std::chrono::milliseconds timeout)
-{
-    AgentProcess process(args, {}, outputDir);
-    const int status = process.Wait(timeout);
-    out = process.Stdout();
-    err = process.Stderr();
-    return status;
+    AgentProcess process(args, outputDir);
+    const int status = process.Wait(std::chrono::seconds(30));
+    return {status, process.Stdout(), process.Stderr()};
 }
 
 } // namespace AgentTest

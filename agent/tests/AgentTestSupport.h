@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -11,48 +10,45 @@
 
 namespace AgentTest {
 
-/// Paths of the build's artefacts, set by CMake.
-struct Built {
-    static std::string Agent() { return BRACKMOOR_AGENT_BINARY; }
-    /// A test module library of the given variant (alpha, beta, init_throws,
-    /// factory_null, no_factory).
-    static std::string TestModule(const std::string& variant);
-};
-
-/// Copies `from` to `to` with `mode`, creating the parent directories.
-void CopyFile(const std::string& from, const std::string& to, unsigned int mode = 0755);
+/// The library of one test module variant (see TestModule.cpp), as built.
+std::string TestModule(const std::string& variant);
 
 /// Writes `content` to `path` with `mode`, creating the parent directories.
 void WriteFile(const std::string& path, const std::string& content, unsigned int mode = 0644);
 
-/// The lines of `path` (empty when it does not exist).
-std::vector<std::string> ReadLines(const std::string& path);
+/// Copies `from` to `to` with `mode`, creating the parent directories.
+void CopyFile(const std::string& from, const std::string& to, unsigned int mode = 0755);
 
-/// Whether `path`'s content contains `text`.
+/// Whether the content of `path` contains `text`.
 bool FileContains(const std::string& path, const std::string& text);
 
-/// A brackmoor-agent process started by a test: standard output and error go
-/// to files; killed (SIGKILL) and reaped if still running when destroyed.
+/// Waits until `path` contains `text`: how tests follow a running agent.
+bool Eventually(const std::string& path, const std::string& text,
+                std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
+/// A complete agent configuration with its files in `dir` and one feed,
+/// [policy.tfa] from `dir`/tfa.json to `module`; `agentLine` is the third
+/// line of [agent], where the modules are.
+std::string ConfigText(const std::string& dir, const std::string& agentLine, const std::string& module,
+                       const std::string& feature);
+
+/// A brackmoor-agent process started by a test with the test's environment,
+/// its standard output and error kept in files of `outputDir`; killed and
+/// reaped if still running when destroyed.
 class AgentProcess {
 public:
-    /// Starts the agent binary with `args`; `env` is added to the environment.
-    AgentProcess(const std::vector<std::string>& args, const std::map<std::string, std::string>& env,
-                 const std::string& outputDir);
+    AgentProcess(const std::vector<std::string>& args, const std::string& outputDir);
     ~AgentProcess();
-
     AgentProcess(const AgentProcess&) = delete;
     AgentProcess& operator=(const AgentProcess&) = delete;
 
-    bool Started() const { return pid > 0; }
     pid_t Pid() const { return pid; }
     void Signal(int number) const;
-    /// Waits until it exits; its exit status, or -1 when it did not exit in
-    /// time (or died of a signal).
+    /// Its exit status once it exits within `timeout`; -1 while it runs or
+    /// when a signal ended it.
     int Wait(std::chrono::milliseconds timeout);
-    bool Exited() const { return exited; }
-
-    std::string Stdout() const;
-    std::string Stderr() const;
+    std::string Stdout() const { return TestSupport::ReadWholeFile(stdoutPath); }
+    std::string Stderr() const { return TestSupport::ReadWholeFile(stderrPath); }
 
 private:
     pid_t pid = -1;
@@ -62,8 +58,14 @@ private:
     std::string stderrPath;
 };
 
-/// Runs the agent binary to its end (at most `timeout`); its exit status.
-int RunAgent(const std::vector<std::string>& args, const std::string& outputDir, std::string& out,
-             std::string& err, std::chrono::milliseconds timeout = std::chrono::seconds(30));
+/// What a finished agent run gave.
+struct AgentRun {
+    int status;  ///< exit status; -1 when it did not end in time
+    std::string out;
+    std::string err;
+};
+
+/// Runs the agent with `args` to its end.
+AgentRun RunAgent(const std::vector<std::string>& args, const std::string& outputDir);
 
 } // namespace AgentTest

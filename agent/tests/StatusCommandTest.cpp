@@ -4,13 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <sstream>
 
 #include "AgentTestSupport.h"
 #include "CommandLine.h"
 #include "TestSupport/TempDir.h"
-#include "status/SshdSettingsReader.h"
 #include "status/StatusCommand.h"
 
 using AgentTest::WriteFile;
@@ -18,21 +16,17 @@ using AgentTest::WriteFile;
 namespace {
 
 const char* const kPamDir = "/lib/x86_64-linux-gnu/security/";
+const char* const kSshdOn = "port 22\\nusepam yes\\nkbdinteractiveauthentication yes\\n";
 
-/// A system on which the agent has switched the second factor on.
+/// A system on which the agent has switched the second factor on. In
+/// sshd_config keywords are case-blind and the first value wins.
 void WriteSwitchedSystem(const std::string& root)
 {
-    WriteFile(root + "/etc/ssh/sshd_config",
-              "Include /etc/ssh/sshd_config.d/*.conf\n"
-              "#KbdInteractiveAuthentication no\n"
-              "KbdInteractiveAuthentication yes\n"
-              "UsePAM yes\n");
-    WriteFile(root + "/etc/pam.d/sshd",
-              "# PAM configuration for the Secure Shell service\n"
-              "#@include common-auth\n"
-              "@include\tbrackmoor-auth\n"
-              "account    required     pam_nologin.so\n"
-              "@include common-account\n");
+    WriteFile(root + "/etc/ssh/sshd_config", "Include /etc/ssh/sshd_config.d/*.conf\n#KbdInteractiveAuthentication no\n"
+                                             "KbdInteractiveAuthentication yes\n  usepam   YES  \nUsePAM no\n");
+    WriteFile(root + "/etc/pam.d/sshd", "# PAM configuration for the Secure Shell service\n#@include common-auth\n"
+                                        "@include\tbrackmoor-auth\naccount    required     pam_nologin.so\n"
+                                        "@include common-account\n");
     WriteFile(root + "/etc/pam.d/brackmoor-auth",
               "auth\t[success=1 default=ignore]\tpam_unix.so nullok\n"
               "auth [success=1 default=ignore] pam_brackmoor.so refresh_time=300 echo=1 local=1\n"
@@ -41,17 +35,13 @@ void WriteSwitchedSystem(const std::string& root)
     WriteFile(root + kPamDir + "pam_brackmoor.so", "");
 }
 
-/// A stand-in for sshd -T: prints `settings` (or fails with `failure`).
+/// A stand-in for sshd -T: prints `settings`, or fails with `failure` when that is not empty.
 std::string FakeSshd(const std::string& dir, const std::string& settings, const std::string& failure = "")
 {
-    const std::string path = dir + "/sshd";
-    const std::string body = failure.empty() ? "printf '" + settings + "'\n"
-                                             : "echo '" + failure + "' >&2\nexit 255\n";
-    WriteFile(path, "#!/bin/sh\n" + body, 0755);
-    return path;
+    const std::string body = failure.empty() ? "printf '" + settings + "'\n" : "echo '" + failure + "' >&2\nexit 255\n";
+    WriteFile(dir + "/sshd", "#!/bin/sh\n" + body, 0755);
+    return dir + "/sshd";
 }
-
-const char* const kSshdOn = "port 22\\nusepam yes\\nkbdinteractiveauthentication yes\\n";
 
 struct StatusRun {
     int status;
@@ -60,91 +50,76 @@ struct StatusRun {
 
 StatusRun RunStatus(const std::string& root, const std::string& sshd)
 {
-    Agent::CommandLine options = Agent::CommandLine::Parse({"status", "--root", root, "--sshd", sshd});
     std::ostringstream out;
-    const int status = Agent::StatusCommand::Run(options, out);
+    const int status = Agent::StatusCommand::Run(
+        Agent::CommandLine::Parse({"status", "--root", root, "--sshd", sshd}), out);
     return {status, out.str()};
 }
 
-TEST(StatusCommandTest, SwitchedSystemIsInForce)
+TEST(StatusCommandTest, SwitchedSystemIsInForceWithOrWithoutSshd)
 {
     TestSupport::TempDir dir;
     WriteSwitchedSystem(dir.Path());
-    const StatusRun run = RunStatus(dir.Path(), FakeSshd(dir.Path(), kSshdOn));
+    StatusRun run = RunStatus(dir.Path(), FakeSshd(dir.Path(), kSshdOn));
     EXPECT_EQ(run.status, 0) << run.output;
-    EXPECT_NE(run.output.find("[ ok ] sshd_config: KbdInteractiveAuthentication yes is active"), std::string::npos);
-    EXPECT_NE(run.output.find("[ ok ] /etc/pam.d/sshd: includes brackmoor-auth (line 3)"), std::string::npos);
-    EXPECT_NE(run.output.find("calls pam_brackmoor.so (line 2): refresh_time=300 echo=1 local=1"), std::string::npos);
-    EXPECT_NE(run.output.find("[ ok ] sshd -T: kbdinteractiveauthentication yes"), std::string::npos);
-    EXPECT_NE(run.output.find("[info] agent: not running"), std::string::npos);
-    EXPECT_NE(run.output.find("second factor: in force\n"), std::string::npos);
-}
-
-TEST(StatusCommandTest, WithoutSshdTheFilesDecide)
-{
-    TestSupport::TempDir dir;
-    WriteSwitchedSystem(dir.Path());
-    const StatusRun run = RunStatus(dir.Path(), dir.File("no-sshd-here"));
+    const std::string expected[] = {
+        "[ ok ] sshd_config: KbdInteractiveAuthentication yes is active",
+        "[ ok ] sshd_config (effective): UsePAM yes, from " + dir.Path() + "/etc/ssh/sshd_config:4\n",
+        "[ ok ] /etc/pam.d/sshd: includes brackmoor-auth (line 3)",
+        "calls pam_brackmoor.so (line 2): refresh_time=300 echo=1 local=1",
+        "[ ok ] sshd -T: kbdinteractiveauthentication yes",
+        "[info] agent: not running",
+        "second factor: in force\n",
+    };
+    for (const std::string& line : expected) {
+        EXPECT_NE(run.output.find(line), std::string::npos) << line << "\n" << run.output;
+    }
+    run = RunStatus(dir.Path(), dir.File("no-sshd-here"));
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_NE(run.output.find("is not installed; effective settings not checked"), std::string::npos);
 }
 
 struct Breakage {
     const char* name;
-    std::function<void(const std::string& root)> breakIt;
-    std::string sshdSettings;  ///< what the stand-in sshd prints
-    std::string sshdFailure;   ///< non-empty: the stand-in sshd fails with this
-    const char* reason;        ///< expected in the verdict
+    const char* file;     ///< under the root; nullptr: no file changed
+    const char* content;  ///< the file's new content; nullptr: the file is removed
+    const char* reason;   ///< expected in the verdict
+    const char* sshdSettings = kSshdOn;
+    const char* sshdFailure = "";
 };
 
 const Breakage kBreakages[] = {
-    {"service_file_without_linkable_include",
-     [](const std::string& r) { WriteFile(r + "/etc/pam.d/sshd", "account required pam_nologin.so\n"); }, kSshdOn, "",
+    {"service_file_without_linkable_include", "/etc/pam.d/sshd", "account required pam_nologin.so\n",
      "has no include line of password-auth or common-auth that could be linked: switching on succeeds without "
      "linking anything"},
-    {"service_file_not_switched",
-     [](const std::string& r) { WriteFile(r + "/etc/pam.d/sshd", "@include common-auth\n"); }, kSshdOn, "",
+    {"service_file_not_switched", "/etc/pam.d/sshd", "@include common-auth\n",
      "not switched: line 1 still includes the system's auth stack"},
-    {"include_file_missing_under_switched_service",
-     [](const std::string& r) { ::unlink((r + "/etc/pam.d/brackmoor-auth").c_str()); }, kSshdOn, "",
+    {"include_file_missing_under_switched_service", "/etc/pam.d/brackmoor-auth", nullptr,
      "missing, although /etc/pam.d/sshd includes it: sshd's PAM stack is broken"},
-    {"include_file_without_module_line",
-     [](const std::string& r) { WriteFile(r + "/etc/pam.d/brackmoor-auth", "auth required pam_unix.so\n"); },
-     kSshdOn, "", "present but has no auth line calling pam_brackmoor.so"},
-    {"drop_in_turns_keyboard_interactive_off",
-     [](const std::string& r) {
-         WriteFile(r + "/etc/ssh/sshd_config.d/50-cloud.conf", "# hardening\nKbdInteractiveAuthentication=no\n");
-     },
-     kSshdOn, "",
-     "a drop-in turns keyboard-interactive authentication off: "},
-    {"earlier_line_of_the_alias_wins",
-     [](const std::string& r) {
-         WriteFile(r + "/etc/ssh/sshd_config", "challengeresponseauthentication no\n#KbdInteractiveAuthentication no\n"
-                                               "KbdInteractiveAuthentication yes\nUsePAM yes\n");
-     },
-     kSshdOn, "", "keyboard-interactive authentication no, from "},
-    {"keyword_switched_off",
-     [](const std::string& r) {
-         WriteFile(r + "/etc/ssh/sshd_config", "KbdInteractiveAuthentication no\n#KbdInteractiveAuthentication yes\n"
-                                               "UsePAM yes\n");
-     },
-     kSshdOn, "", "KbdInteractiveAuthentication no is active"},
-    {"no_keyword_line_to_switch",
-     [](const std::string& r) { WriteFile(r + "/etc/ssh/sshd_config", "UsePAM yes\n"); }, kSshdOn, "",
+    {"include_file_without_module_line", "/etc/pam.d/brackmoor-auth", "auth required pam_unix.so\n",
+     "present but has no auth line calling pam_brackmoor.so"},
+    {"drop_in_turns_keyboard_interactive_off", "/etc/ssh/sshd_config.d/50-cloud.conf",
+     "# hardening\nKbdInteractiveAuthentication=no\n", "a drop-in turns keyboard-interactive authentication off: "},
+    {"earlier_line_of_the_alias_wins", "/etc/ssh/sshd_config",
+     "challengeresponseauthentication no\n#KbdInteractiveAuthentication no\nKbdInteractiveAuthentication yes\n"
+     "UsePAM yes\n",
+     "keyboard-interactive authentication no, from "},
+    {"keyword_switched_off", "/etc/ssh/sshd_config",
+     "KbdInteractiveAuthentication no\n#KbdInteractiveAuthentication yes\nUsePAM yes\n",
+     "KbdInteractiveAuthentication no is active"},
+    {"no_keyword_line_to_switch", "/etc/ssh/sshd_config", "UsePAM yes\n",
      "the agent cannot switch keyboard-interactive authentication on"},
-    {"use_pam_unset",
-     [](const std::string& r) {
-         WriteFile(r + "/etc/ssh/sshd_config", "#KbdInteractiveAuthentication no\nKbdInteractiveAuthentication yes\n");
-     },
-     kSshdOn, "", "UsePAM is not set anywhere; sshd's default is no"},
-    {"module_copy_missing_where_pam_loads",
-     [](const std::string& r) { ::unlink((r + kPamDir + "pam_brackmoor.so").c_str()); }, kSshdOn, "",
+    {"use_pam_only_in_a_match_block", "/etc/ssh/sshd_config",
+     "#KbdInteractiveAuthentication no\nKbdInteractiveAuthentication yes\nMatch User backup\n  UsePAM yes\n",
+     "UsePAM is not set anywhere; sshd's default is no"},
+    {"module_copy_missing_where_pam_loads", "/lib/x86_64-linux-gnu/security/pam_brackmoor.so", nullptr,
      "where PAM loads its modules from"},
-    {"sshd_reports_keyboard_interactive_off", [](const std::string&) {},
-     "usepam yes\\nkbdinteractiveauthentication no\\n", "",
-     "kbdinteractiveauthentication no: sshd will not ask for the second factor"},
-    {"sshd_refuses_the_configuration", [](const std::string&) {}, "", "Bad configuration option: Frobnicate",
-     "failed (Bad configuration option: Frobnicate): sshd would not start with this configuration"},
+    {"sshd_reports_keyboard_interactive_off", nullptr, nullptr,
+     "kbdinteractiveauthentication no: sshd will not ask for the second factor",
+     "usepam yes\\nkbdinteractiveauthentication no\\n"},
+    {"sshd_refuses_the_configuration", nullptr, nullptr,
+     "failed (Bad configuration option: Frobnicate): sshd would not start with this configuration", "",
+     "Bad configuration option: Frobnicate"},
 };
 
 class StatusBreakageTest : public ::testing::TestWithParam<Breakage> {};
@@ -153,38 +128,20 @@ TEST_P(StatusBreakageTest, IsNotInForceAndSaysWhy)
 {
     TestSupport::TempDir dir;
     WriteSwitchedSystem(dir.Path());
-    GetParam().breakIt(dir.Path());
-    const StatusRun run = RunStatus(dir.Path(), FakeSshd(dir.Path(), GetParam().sshdSettings, GetParam().sshdFailure));
+    const Breakage& b = GetParam();
+    if (b.file != nullptr && b.content != nullptr) {
+        WriteFile(dir.Path() + b.file, b.content);
+    } else if (b.file != nullptr) {
+        ::unlink((dir.Path() + b.file).c_str());
+    }
+    const StatusRun run = RunStatus(dir.Path(), FakeSshd(dir.Path(), b.sshdSettings, b.sshdFailure));
     EXPECT_EQ(run.status, 1) << run.output;
     const std::string::size_type verdict = run.output.find("second factor: NOT in force, because\n");
     ASSERT_NE(verdict, std::string::npos) << run.output;
-    EXPECT_NE(run.output.find(GetParam().reason, verdict), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find(b.reason, verdict), std::string::npos) << run.output;
 }
 
 INSTANTIATE_TEST_SUITE_P(EachWay, StatusBreakageTest, ::testing::ValuesIn(kBreakages),
                          [](const ::testing::TestParamInfo<Breakage>& test) { return std::string(test.param.name); });
-
-TEST(SshdSettingsReaderTest, FirstValueWinsAcrossIncludesUntilMatch)
-{
-    TestSupport::TempDir dir;
-    const std::string root = dir.Path();
-    WriteFile(root + "/etc/ssh/sshd_config", "Port 22\n"
-                                             "Include conf.d/*.conf\n"
-                                             "  usepam   YES  \n"
-                                             "Match User backup\n"
-                                             "  KbdInteractiveAuthentication no\n");
-    WriteFile(root + "/etc/ssh/conf.d/20-b.conf", "ChallengeResponseAuthentication yes\nport 2222\n");
-    WriteFile(root + "/etc/ssh/conf.d/10-a.conf", "# nothing but a comment\n");
-    Agent::SshdSettingsReader reader(root);
-    ASSERT_TRUE(reader.Read(root + "/etc/ssh/sshd_config"));
-    EXPECT_EQ(reader.Get("port").value, "22");
-    EXPECT_EQ(reader.Get("usepam").value, "YES");
-    EXPECT_EQ(reader.Get("usepam").line, 3);
-    const Agent::SshdSetting keyboard = reader.Get("kbdinteractiveauthentication");
-    EXPECT_EQ(keyboard.value, "yes");  // the alias in the drop-in; the Match block does not count
-    EXPECT_EQ(keyboard.file, root + "/etc/ssh/conf.d/20-b.conf");
-    EXPECT_FALSE(reader.Get("passwordauthentication").found);
-    EXPECT_FALSE(Agent::SshdSettingsReader(root).Read(root + "/absent"));
-}
 
 } // namespace

@@ -6,20 +6,19 @@
 //   TEST_MODULE_INIT_THROWS   Init throws
 //   TEST_MODULE_FACTORY_NULL  CreateModule returns null
 //   TEST_MODULE_NO_FACTORY    the library exports no CreateModule at all
-// With BRACKMOOR_TEST_MODULE_HOLD set, UnInit waits until that file exists,
-// so a test can signal the agent while it is shutting down; likewise Init
-// with BRACKMOOR_TEST_MODULE_HOLD_INIT, while it is starting.
+// With BRACKMOOR_TEST_MODULE_HOLD_INIT set, Init waits until that file
+// exists, so a test can signal the agent while it is starting; likewise
+// UnInit with BRACKMOOR_TEST_MODULE_HOLD_UNINIT, while it is shutting down.
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include "Framework/Module.h"
+#include "TestSupport/WaitFor.h"
 
 namespace {
 
@@ -27,39 +26,22 @@ const char* const kCallbackId = "10001";
 
 void Record(const std::string& event)
 {
-    const char* path = std::getenv("BRACKMOOR_TEST_MODULE_RECORD");
-    if (path == nullptr) {
-        return;
-    }
-    std::string line = std::string(TEST_MODULE_NAME) + " " + event;
-    for (char& c : line) {
-        c = c == '\n' ? ' ' : c;
-    }
-    line += '\n';
-    const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (fd >= 0) {
-        (void)!write(fd, line.data(), line.size());
-        close(fd);
+    if (const char* path = std::getenv("BRACKMOOR_TEST_MODULE_RECORD")) {
+        std::ofstream(path, std::ios::app) << TEST_MODULE_NAME << ' ' << event << '\n';
     }
 }
 
 void WaitForRelease(const char* variable)
 {
-    const char* hold = std::getenv(variable);
-    if (hold == nullptr) {
-        return;
-    }
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (access(hold, F_OK) != 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (const char* hold = std::getenv(variable)) {
+        TestSupport::WaitFor([hold] { return access(hold, F_OK) == 0; }, std::chrono::seconds(60));
     }
 }
 
-/// Accepts every document that does not contain the word "reject".
 class TestPolicy : public Framework::Policy {
 public:
     using Framework::Policy::Policy;
-    bool Parse(const std::string& content) override { return content.find("reject") == std::string::npos; }
+    bool Parse(const std::string&) override { return true; }
     void Dispatch(Framework::Policy*) override {}
 };
 
@@ -83,21 +65,17 @@ public:
     void UnInit() override
     {
         Record("uninit begin");
-        WaitForRelease("BRACKMOOR_TEST_MODULE_HOLD");
+        WaitForRelease("BRACKMOOR_TEST_MODULE_HOLD_UNINIT");
         Framework::Module::UnInit();
         Record("uninit end");
     }
 
+    /// Accepts every document that does not contain the word "reject".
     Framework::Policy* MakePolicy(const std::string& feature, const std::string& content, Framework::Policy*&)
     {
-        auto* policy = new TestPolicy(feature);
-        if (!policy->Parse(content)) {
-            Record("reject " + feature + " " + content);
-            delete policy;
-            return nullptr;
-        }
-        Record("policy " + feature + " " + content);
-        return policy;
+        const bool rejected = content.find("reject") != std::string::npos;
+        Record((rejected ? "reject " : "policy ") + feature + " " + content);
+        return rejected ? nullptr : new TestPolicy(feature);
     }
 };
 
@@ -111,11 +89,5 @@ extern "C" Framework::Module* CreateModule()
 #else
     return new TestModule();
 #endif
-}
-#else
-// Something to export, so that the library is a valid shared object.
-extern "C" int NotAModuleFactory()
-{
-    return 0;
 }
 #endif
