@@ -1,6 +1,5 @@
 #include "ConfigTestSupport.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -34,9 +33,9 @@ ModuleLogCapture::~ModuleLogCapture()
     logger->setLevel(formerLevel);
 }
 
-std::vector<std::string> ModuleLogCapture::Records() const
+Records ModuleLogCapture::Records() const
 {
-    std::vector<std::string> records;
+    ConfigTest::Records records;
     for (const Poco::Message& message : channel->Messages()) {
         std::string text = message.getText();
         for (size_t at = 0; !root.empty() && (at = text.find(root, at)) != std::string::npos;) {
@@ -56,7 +55,8 @@ StandInInstallation::StandInInstallation(const std::string& moduleSource)
 {
     fs::create_directories(dir.File("sudobin"));
     fs::create_directories(dir.File("module"));
-    dir.Write("sudobin/sshrestart.sh", "#!/bin/sh\necho restart >> '" + dir.File("restarts") + "'\n", 0755);
+    // Exits with a failure: the task ignores the script's result.
+    dir.Write("sudobin/sshrestart.sh", "#!/bin/sh\necho restart >> '" + dir.File("restarts") + "'\nexit 3\n", 0755);
     if (moduleSource.empty()) {
         dir.Write("module/pam_brackmoor.so", "stand-in PAM module\n");
     } else {
@@ -113,10 +113,6 @@ std::unique_ptr<Engine::TwoFactorAuthenticationTask> TaskIn(const std::string& r
     return task;
 }
 
-const std::vector<std::string> moduleDirs = {
-    "/lib/x86_64-linux-gnu/security/", "/lib/i386-linux-gnu/security/", "/lib64/security/",
-    "/lib/security/", "/lib/aarch64-linux-gnu/security/"};
-
 namespace {
 
 // Whether the topmost mount at `mountPoint` is one that sandbox-run made
@@ -126,22 +122,15 @@ bool MountedBySandbox(const std::string& mountPoint)
     std::ifstream mountInfo("/proc/self/mountinfo");
     bool bySandbox = false;
     for (std::string line; std::getline(mountInfo, line);) {
-        const size_t separator = line.find(" - ");
-        std::istringstream head(line.substr(0, separator));
+        std::istringstream fields(line);
         std::string id, parent, device, root, point;
-        if (separator != std::string::npos && head >> id >> parent >> device >> root >> point &&
-            point == mountPoint) {
+        if (fields >> id >> parent >> device >> root >> point && point == mountPoint) {
             // Later entries are mounted on top of earlier ones.
-            bySandbox = line.find("brackmoor-sandbox", separator) != std::string::npos;
+            bySandbox = line.find(" - ") != std::string::npos &&
+                        line.find("brackmoor-sandbox", line.find(" - ")) != std::string::npos;
         }
     }
     return bySandbox;
-}
-
-bool LinksTo(const std::string& link, const std::string& target)
-{
-    std::error_code error;
-    return fs::canonical(link, error) == fs::path(target) && !error;
 }
 
 } // namespace
@@ -149,35 +138,15 @@ bool LinksTo(const std::string& link, const std::string& target)
 bool InsideSandbox(std::string& why)
 {
     const char* flag = std::getenv("BRACKMOOR_IN_SANDBOX");
-    if (flag == nullptr || std::string(flag) != "1") {
-        why = "not inside tests/sandbox/sandbox-run; this test changes system paths";
-        return false;
-    }
-    if (!MountedBySandbox("/etc") || !MountedBySandbox("/run")) {
-        why = "/etc and /run are not the sandbox's private copies";
-        return false;
-    }
+    std::error_code error;
     // Every module directory must lie on an overlay of the sandbox, so that
     // creating and removing them changes nothing on this machine.
-    if (!LinksTo("/lib", "/usr/lib") || !LinksTo("/lib64", "/usr/lib64") || !MountedBySandbox("/usr/lib") ||
-        !MountedBySandbox("/usr/lib64")) {
-        why = "the PAM module directories are not on the sandbox's overlays (needs /lib -> /usr/lib, "
-              "/lib64 -> /usr/lib64)";
-        return false;
-    }
-    return true;
-}
-
-void KeepModuleDirs(const std::vector<std::string>& wanted)
-{
-    for (const std::string& dir : moduleDirs) {
-        if (std::find(wanted.begin(), wanted.end(), dir) != wanted.end()) {
-            fs::create_directories(dir);
-            fs::remove_all(dir + "pam_brackmoor.so");
-        } else {
-            fs::remove_all(dir);
-        }
-    }
+    const bool inside = flag != nullptr && std::string(flag) == "1" && MountedBySandbox("/etc") &&
+                        MountedBySandbox("/run") && MountedBySandbox("/usr/lib") && MountedBySandbox("/usr/lib64") &&
+                        fs::canonical("/lib", error) == "/usr/lib" && fs::canonical("/lib64", error) == "/usr/lib64";
+    why = "needs tests/sandbox/sandbox-run with /etc, /run, /usr/lib and /usr/lib64 its own and /lib, /lib64 "
+          "linking to the latter two: this test changes system paths";
+    return inside && !error;
 }
 
 } // namespace ConfigTest

@@ -12,6 +12,9 @@
 
 namespace ConfigTest {
 
+/// Log records as ModuleLogCapture::Records() gives them.
+using Records = std::vector<std::string>;
+
 /// Records what the module logger writes while it lives, at every priority;
 /// puts the logger's former channel and level back afterwards.
 class ModuleLogCapture {
@@ -24,7 +27,7 @@ public:
 
     /// Every record, oldest first, as "<priority letter> <text>" ("E", "W", "I", ...); a record
     /// that does not name the task's source file and a line gets " (not from the task)" appended.
-    std::vector<std::string> Records() const;
+    ConfigTest::Records Records() const;
     void Clear() { channel->Clear(); }
 
 private:
@@ -37,7 +40,7 @@ private:
 
 /// An agent installation in a temporary directory, made the agent's
 /// configured installation path: a restart script that only counts its runs
-/// and a stand-in PAM module file.
+/// (and fails) and a stand-in PAM module file.
 class StandInInstallation {
 public:
     /// `moduleSource`: file to install as module/pam_brackmoor.so; a line of text when empty.
@@ -73,13 +76,9 @@ std::string Normalise(const std::string& text);
 /// root/pam.d/{sshd,brackmoor-auth}, the layout of distributions/ and the corpus.
 std::unique_ptr<Engine::TwoFactorAuthenticationTask> TaskIn(const std::string& root);
 
-/// The system PAM module directories that the task installs into, in its order.
-extern const std::vector<std::string> moduleDirs;
 /// True only inside tests/sandbox/sandbox-run with /etc a private copy and the
 /// module directories on the sandbox's overlays, so that a test may change
 /// them; otherwise false with the reason in `why`.
 bool InsideSandbox(std::string& why);
-/// Makes exactly the module directories in `wanted` exist, without a module in them (sandbox only).
-void KeepModuleDirs(const std::vector<std::string>& wanted);
 
 } // namespace ConfigTest

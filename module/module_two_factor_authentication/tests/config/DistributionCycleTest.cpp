@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <regex>
+#include <set>
 
 #include "ConfigTestSupport.h"
 
@@ -21,7 +22,7 @@ struct System {
     bool precondition;    // IsUsePamAndPwdAuth()
     bool authOn;          // SwitchAuth(true)
     bool linked;          // the service file then includes brackmoor-auth
-    std::string keyword;  // the keyword SwitchSshdConfig() edits; empty when it fails
+    std::string keyword;  // the keyword SwitchSshdConfig() edits once the service file is switched
     bool golden;          // golden/[corpus-]<name>/{brackmoor-auth,sshd} hold the switched-on files
     // What switching off leaves different from the original, normalised:
     // `cycleFrom` there reads `cycleTo`.
@@ -29,44 +30,33 @@ struct System {
     std::string cycleTo;
 };
 
-void PrintTo(const System& s, std::ostream* out)
-{
-    *out << s.name;
-}
-
 std::string Source(const System& s)
 {
     return s.fromCorpus ? CONFIG_TEST_CORPUS_DIR "/" + s.name : CONFIG_TEST_DIR "/distributions/" + s.name;
 }
 
-// `now` is `original` normalised with `key` switched: every active key line
-// holds the wanted value, a commented counterpart exists, no other line changed.
+// `now` is `original` normalised with `key` switched: its key lines are all
+// "key <wanted>" or "#key <other>", both kinds present, no other line changed.
 void ExpectSshdSwitched(const std::string& original, const std::string& now, const std::string& key, bool on)
 {
-    const std::regex keyLine("#?[ \t]*" + key + "[ \t]+(yes|no)");
-    const std::regex wanted(key + "[ \t]+" + (on ? "yes" : "no"));
-    const std::regex counterpart("#[ \t]*" + key + "[ \t]+" + (on ? "no" : "yes"));
-    const auto otherLines = [&keyLine](const std::string& text) {
-        std::string kept;
+    const auto split = [&key](const std::string& text, std::set<std::string>& keyLineKinds) {
+        const std::regex keyLine("(#?)[ \t]*" + key + "[ \t]+(yes|no)");
+        std::string otherLines;
         for (const std::string& line : Lines(Normalise(text))) {
-            kept += std::regex_match(line, keyLine) ? "" : line + "\n";
+            std::smatch match;
+            if (std::regex_match(line, match, keyLine)) {
+                keyLineKinds.insert(match.str(1) + match.str(2));
+            } else {
+                otherLines += line + "\n";
+            }
         }
-        return kept;
+        return otherLines;
     };
+    std::set<std::string> before;
+    std::set<std::string> after;
     EXPECT_EQ(now, Normalise(now));
-    EXPECT_EQ(otherLines(now), otherLines(original));
-    int active = 0;
-    int activeWanted = 0;
-    int counterparts = 0;
-    for (const std::string& line : Lines(now)) {
-        const bool commented = std::regex_match(line, keyLine) && line[0] == '#';
-        active += std::regex_match(line, keyLine) && !commented ? 1 : 0;
-        activeWanted += std::regex_match(line, wanted) ? 1 : 0;
-        counterparts += commented && std::regex_match(line, counterpart) ? 1 : 0;
-    }
-    EXPECT_GE(active, 1) << now;
-    EXPECT_EQ(activeWanted, active) << now;
-    EXPECT_GE(counterparts, 1) << now;
+    EXPECT_EQ(split(now, after), split(original, before));
+    EXPECT_EQ(after, (on ? std::set<std::string>{"yes", "#no"} : std::set<std::string>{"no", "#yes"})) << now;
 }
 
 class DistributionCycleTest : public ::testing::TestWithParam<System> {
@@ -110,10 +100,8 @@ TEST_P(DistributionCycleTest, SwitchOnThenOffRestoresTheSystem)
         EXPECT_EQ(ReadText(task->pamIncludePath), ReadText(golden + "/brackmoor-auth"));
         EXPECT_EQ(serviceOn, ReadText(golden + "/sshd"));
     }
-    ASSERT_EQ(task->SwitchSshdConfig(true), !s.keyword.empty());
-    if (!s.keyword.empty()) {
-        ExpectSshdSwitched(sshd, ReadText(task->sshdConfigPath), s.keyword, true);
-    }
+    ASSERT_TRUE(task->SwitchSshdConfig(true));
+    ExpectSshdSwitched(sshd, ReadText(task->sshdConfigPath), s.keyword, true);
 
     EXPECT_EQ(task->SwitchAuth(false), s.linked);
     std::string serviceRestored = Normalise(service);
@@ -123,15 +111,13 @@ TEST_P(DistributionCycleTest, SwitchOnThenOffRestoresTheSystem)
         serviceRestored.replace(at, s.cycleFrom.size(), s.cycleTo);
     }
     EXPECT_EQ(ReadText(task->pamSshdPath), serviceRestored);
-    if (!s.keyword.empty()) {
-        ASSERT_TRUE(task->SwitchSshdConfig(false));
-        ExpectSshdSwitched(sshd, ReadText(task->sshdConfigPath), s.keyword, false);
-    }
+    ASSERT_TRUE(task->SwitchSshdConfig(false));
+    ExpectSshdSwitched(sshd, ReadText(task->sshdConfigPath), s.keyword, false);
 }
 
 std::string TestName(const ::testing::TestParamInfo<System>& param)
 {
-    std::string name = param.param.name;
+    std::string name = (param.param.fromCorpus ? "corpus_" : "own_") + param.param.name;
     std::replace(name.begin(), name.end(), '-', '_');
     return name;
 }
@@ -139,15 +125,12 @@ std::string TestName(const ::testing::TestParamInfo<System>& param)
 const std::string CRA = "ChallengeResponseAuthentication";
 const std::string KIA = "KbdInteractiveAuthentication";
 
-INSTANTIATE_TEST_SUITE_P(Own, DistributionCycleTest,
-                         ::testing::Values(System{"debian12", false, true, true, true, KIA, true, "", ""},
-                                           System{"rocky9", false, true, true, true, KIA, true, "", ""},
-                                           System{"sles15", false, true, true, true, CRA, true, "", ""}),
-                         TestName);
-
 INSTANTIATE_TEST_SUITE_P(
-    Corpus, DistributionCycleTest,
+    Systems, DistributionCycleTest,
     ::testing::Values(
+        System{"debian12", false, true, true, true, KIA, true, "", ""},
+        System{"rocky9", false, true, true, true, KIA, true, "", ""},
+        System{"sles15", false, true, true, true, CRA, true, "", ""},
         System{"alpine", true, true, false, false, "", false, "", ""},  // "auth include base-auth": abnormal
         System{"centos7", true, true, true, true, CRA, true, "", ""},
         System{"debian12", true, true, true, true, KIA, true, "", ""},

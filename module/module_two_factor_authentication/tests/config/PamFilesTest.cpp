@@ -7,13 +7,11 @@
 #include "ConfigTestSupport.h"
 
 using namespace ConfigTest;
-using Records = std::vector<std::string>;
 
 namespace {
 
 const std::string earlierInclude = "left by an earlier run\n";
 const std::string modified = "W Pam sshd config file has been modified.";
-const std::string abnormal = "E Pam sshd config abnormal.";
 
 class PamFilesTest : public ::testing::Test {
 protected:
@@ -38,18 +36,15 @@ TEST_F(PamFilesTest, IncludeFileMakesFirstPamUnixAuthLineRequiredAndAddsTheModul
     const std::string sufficient = "auth sufficient " + args;
     const std::string skip = "auth [success=1 default=ignore] " + args;
     const std::pair<std::string, std::string> rows[] = {  // origin, include file (empty: not written)
-        {"auth\tsufficient\tpam_unix.so\tnullok\n", "auth required pam_unix.so nullok\n" + sufficient},
         {"auth requisite /lib/security/pam_unix.so\n", "auth required /lib/security/pam_unix.so\n" + sufficient},
-        // Our line takes over the jump; the dropped bracket word leaves two blanks.
-        {"auth [success=1 default=ignore] pam_unix.so nullok_secure\nauth requisite pam_deny.so\n",
-         "auth required  pam_unix.so nullok_secure\n" + skip + "auth requisite pam_deny.so\n"},
-        // Longer brackets keep their later words: such lines are not repaired.
+        // Our line takes over the jump of a bracketed control. Of the bracket only
+        // the second word goes: longer brackets leave a broken line.
         {"auth [success=1 new_authtok_reqd=done default=ignore] pam_unix.so\n",
          "auth required  default=ignore] pam_unix.so\n" + skip},
-        {"auth sufficient pam_unix.so\nauth  sufficient  pam_unix.so  try_first_pass  \n",
-         "auth required pam_unix.so\n" + sufficient + "auth  sufficient  pam_unix.so  try_first_pass\n"},
-        {"#%PAM-1.0\n\n   \n  auth required pam_env.so  \r\nauth required pam_unix.so",
-         "#%PAM-1.0\n\n\nauth required pam_env.so\nauth required pam_unix.so\n" + sufficient},
+        // Only the first pam_unix line; every line trimmed and ended with "\n".
+        {"#%PAM-1.0\n\n   \n  auth required pam_env.so  \r\nauth sufficient pam_unix.so\nauth  sufficient  pam_unix.so  x  ",
+         "#%PAM-1.0\n\n\nauth required pam_env.so\nauth required pam_unix.so\n" + sufficient +
+             "auth  sufficient  pam_unix.so  x\n"},
         // Only lines whose first four characters are "auth" count, wherever pam_unix.so stands.
         {"-auth sufficient pam_unix.so\n#auth sufficient pam_unix.so\naccount required pam_unix.so\n"
          "authx optional pam_exec.so /bin/pam_unix.so.sh\n",
@@ -77,46 +72,32 @@ TEST_F(PamFilesTest, ServiceFileIsRewrittenOnlyWhenRecognised)
         std::string include;   // the include file afterwards; empty: none
         Records logs;
     };
-    const std::string rhOn = "#%PAM-1.0\n#auth       substack     password-auth\nauth\tsubstack\tbrackmoor-auth\n"
-                             "auth       include      postlogin\n-auth      optional     pam_reauthorize.so prepare\n"
-                             "account    include      password-auth\n";
-    const std::string rhOff = "#%PAM-1.0\nauth       substack     password-auth\nauth       include      postlogin\n"
-                              "-auth      optional     pam_reauthorize.so prepare\naccount    include      password-auth\n";
     const std::string args = "pam_brackmoor.so refresh_time=301 echo=1 local=1\n";
     const std::string fromPasswordAuth = "auth required pam_unix.so\nauth sufficient " + args;
     const std::string fromCommonAuth = "auth required  pam_unix.so\nauth [success=1 default=ignore] " + args;
     const Row rows[] = {
-        {rhOff, true, true, rhOn, fromPasswordAuth, {}},
-        {rhOn, false, true, rhOff, "", {}},
-        {"# comment  \r\n  @include common-auth  \r\n\r\n@include common-account", true, true,
-         "# comment\n#@include common-auth\n@include\tbrackmoor-auth\n\n@include common-account\n", fromCommonAuth, {}},
-        // Nothing links the include file, yet the file counts as switched on.
-        {"auth required pam_unix.so  \n", true, true, "auth required pam_unix.so\n", "", {}},
-        {"auth required pam_unix.so  \n", false, false, "auth required pam_unix.so  \n", "", {}},
-        {"auth include system-auth\n", true, false, "auth include system-auth\n", "", {abnormal}},
+        // Only auth include lines switch; the file is normalised.
+        {"# comment  \r\n  @include common-auth  \r\n\r\n@include common-account\naccount include password-auth", true,
+         true, "# comment\n#@include common-auth\n@include\tbrackmoor-auth\n\n@include common-account\n"
+         "account include password-auth\n", fromCommonAuth, {}},
+        // Two include lines: both switched, the include file written twice, the last one wins.
+        {"auth  substack \t password-auth\n@include common-auth\n", true, true,
+         "#auth  substack \t password-auth\nauth\tsubstack\tbrackmoor-auth\n#@include common-auth\n"
+         "@include\tbrackmoor-auth\n", fromCommonAuth, {}},
+        {"#auth substack password-auth\nauth\tsubstack\tbrackmoor-auth\n", false, true,
+         "auth substack password-auth\n", "", {}},
         // An abnormal line after a good one: the include file is already written.
-        {"auth substack common-auth\nauth include postlogin-auth\n", true, false,
-         "auth substack common-auth\nauth include postlogin-auth\n", fromCommonAuth, {abnormal}},
-        // Already switched: the caller goes on, nothing is regenerated.
-        {rhOn, true, true, rhOn, "", {modified}},
-        {"#@include common-auth\n", false, false, "#@include common-auth\n", "", {}},
+        {"auth substack password-auth\nauth include postlogin-auth\n", true, false,
+         "auth substack password-auth\nauth include postlogin-auth\n", fromPasswordAuth, {"E Pam sshd config abnormal."}},
+        // Already switched as far as can be told: the caller goes on, nothing is regenerated.
+        {"@include\tbrackmoor-auth\n", true, true, "@include\tbrackmoor-auth\n", "", {modified}},
         {"@include\tbrackmoor-auth\n", false, true, "@include\tbrackmoor-auth\n", "", {modified}},
-        // An administrator's commented include is left alone when switching
-        // on, and comes back active with the real one when switching off.
-        {"#auth include password-auth\nauth substack password-auth\n", true, true,
-         "#auth include password-auth\n#auth substack password-auth\nauth\tsubstack\tbrackmoor-auth\n",
-         fromPasswordAuth, {}},
-        {"#auth include password-auth\n#auth substack password-auth\nauth\tsubstack\tbrackmoor-auth\n", false, true,
-         "auth include password-auth\nauth substack password-auth\n", "", {}},
+        {"#@include common-auth\n", false, false, "#@include common-auth\n", "", {}},
         // With the added line moved above its copy, every "-auth" line up to
         // and including the copy goes: no system stack is included any more.
         {"auth\tsubstack\tbrackmoor-auth\naccount include password-auth\n#auth substack password-auth\n"
          "session include password-auth\n",
          false, true, "session include password-auth\n", "", {}},
-        // Two include lines: both switched, the include file written twice, the last one wins.
-        {"auth substack password-auth\n@include common-auth\n", true, true,
-         "#auth substack password-auth\nauth\tsubstack\tbrackmoor-auth\n#@include common-auth\n@include\tbrackmoor-auth\n",
-         fromCommonAuth, {}},
     };
     for (const Row& row : rows) {
         WriteText(task->pamSshdPath, row.original);
