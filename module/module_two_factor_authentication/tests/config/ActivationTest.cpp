@@ -73,7 +73,7 @@ private:
     bool bound = false;
 };
 
-class ActivationTest : public ::testing::Test {
+class ActivationTest : public TaskInTempDir {
 protected:
     void SetUp() override
     {
@@ -81,7 +81,7 @@ protected:
         if (!InsideSandbox(why)) {
             GTEST_SKIP() << why;
         }
-        ASSERT_TRUE(root.Ok());
+        ASSERT_NO_FATAL_FAILURE(TaskInTempDir::SetUp());
         Prepare(sshdOff, serviceOff, {x86Dir, lib64Dir});
     }
 
@@ -103,11 +103,6 @@ protected:
         }
         task->authEnabled = true;
     }
-
-    TestSupport::TempDir root;
-    StandInInstallation installation;
-    std::unique_ptr<Engine::TwoFactorAuthenticationTask> task;
-    ModuleLogCapture log{root.Path()};
 };
 
 TEST_F(ActivationTest, SwitchesEverythingOnAndRemovesTheCopiesAgain)

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <Poco/Logger.h>
+#include <gtest/gtest.h>
 
 #include "TestSupport/CapturingChannel.h"
 #include "TestSupport/TempDir.h"
@@ -75,6 +76,19 @@ std::string Normalise(const std::string& text);
 /// A task whose configuration paths point into `root`: root/sshd_config and
 /// root/pam.d/{sshd,brackmoor-auth}, the layout of distributions/ and the corpus.
 std::unique_ptr<Engine::TwoFactorAuthenticationTask> TaskIn(const std::string& root);
+
+/// A task whose configuration files lie in a fresh temporary directory
+/// (TaskIn), a stand-in installation, and the module log with the directory
+/// shown as ROOT.
+class TaskInTempDir : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(root.Ok()); }
+
+    TestSupport::TempDir root;
+    StandInInstallation installation;
+    std::unique_ptr<Engine::TwoFactorAuthenticationTask> task = TaskIn(root.Path());
+    ModuleLogCapture log{root.Path()};
+};
 
 /// True only inside tests/sandbox/sandbox-run with /etc a private copy and the
 /// module directories on the sandbox's overlays, so that a test may change

@@ -52,30 +52,26 @@ void ExpectSshdSwitched(const std::string& original, const std::string& now, con
         }
         return otherLines;
     };
-    std::set<std::string> before;
+    std::set<std::string> originalKinds;
     std::set<std::string> after;
     EXPECT_EQ(now, Normalise(now));
-    EXPECT_EQ(split(now, after), split(original, before));
+    EXPECT_EQ(split(now, after), split(original, originalKinds));
     EXPECT_EQ(after, (on ? std::set<std::string>{"yes", "#no"} : std::set<std::string>{"no", "#yes"})) << now;
 }
 
-class DistributionCycleTest : public ::testing::TestWithParam<System> {
+class DistributionCycleTest : public TaskInTempDir, public ::testing::WithParamInterface<System> {
 protected:
     void SetUp() override
     {
         if (!fs::is_directory(Source(GetParam()))) {
             GTEST_SKIP() << Source(GetParam()) << " is not present";
         }
-        ASSERT_TRUE(root.Ok());
+        ASSERT_NO_FATAL_FAILURE(TaskInTempDir::SetUp());
         fs::copy(Source(GetParam()), root.Path(), fs::copy_options::recursive);
         task->refreshTime = 300;
         task->local = 0;
         task->excludeUserList = {"root", "deploy"};
     }
-
-    TestSupport::TempDir root;
-    StandInInstallation installation;
-    std::unique_ptr<Engine::TwoFactorAuthenticationTask> task = TaskIn(root.Path());
 };
 
 TEST_P(DistributionCycleTest, SwitchOnThenOffRestoresTheSystem)

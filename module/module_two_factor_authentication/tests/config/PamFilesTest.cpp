@@ -13,18 +13,14 @@ namespace {
 const std::string earlierInclude = "left by an earlier run\n";
 const std::string modified = "W Pam sshd config file has been modified.";
 
-class PamFilesTest : public ::testing::Test {
+class PamFilesTest : public TaskInTempDir {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(root.Ok());
+        ASSERT_NO_FATAL_FAILURE(TaskInTempDir::SetUp());
         WriteText(task->pamDir + "password-auth", "auth sufficient pam_unix.so\n");
         WriteText(task->pamDir + "common-auth", "auth [success=1 default=ignore] pam_unix.so\n");
     }
-
-    TestSupport::TempDir root;
-    std::unique_ptr<Engine::TwoFactorAuthenticationTask> task = TaskIn(root.Path());
-    ModuleLogCapture log{root.Path()};
 };
 
 TEST_F(PamFilesTest, IncludeFileMakesFirstPamUnixAuthLineRequiredAndAddsTheModuleAfterIt)
@@ -84,6 +80,7 @@ TEST_F(PamFilesTest, ServiceFileIsRewrittenOnlyWhenRecognised)
         {"auth  substack \t password-auth\n@include common-auth\n", true, true,
          "#auth  substack \t password-auth\nauth\tsubstack\tbrackmoor-auth\n#@include common-auth\n"
          "@include\tbrackmoor-auth\n", fromCommonAuth, {}},
+        // Switching off restores the commented original and drops the added line.
         {"#auth substack password-auth\nauth\tsubstack\tbrackmoor-auth\n", false, true,
          "auth substack password-auth\n", "", {}},
         // An abnormal line after a good one: the include file is already written.

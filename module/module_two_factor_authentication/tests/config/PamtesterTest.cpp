@@ -46,10 +46,8 @@ TEST(PamtesterTest, IncludeFileKeepsThePasswordCheckAndCallsTheModule)
     if (!InsideSandbox(why)) {
         GTEST_SKIP() << why;
     }
-    for (const char* tool : {"pamtester", "useradd", "chpasswd"}) {
-        if (RunShell(std::string("command -v ") + tool + " >/dev/null") != 0) {
-            GTEST_SKIP() << tool << " is not installed";
-        }
+    if (RunShell("for tool in pamtester useradd chpasswd; do command -v $tool >/dev/null || exit 1; done") != 0) {
+        GTEST_SKIP() << "pamtester, useradd or chpasswd is not installed";
     }
     if (!std::filesystem::exists("/etc/pam.d/common-auth") || !std::filesystem::exists(securityDir + "pam_unix.so")) {
         GTEST_SKIP() << "no Debian PAM stack (/etc/pam.d/common-auth, " << securityDir << "pam_unix.so)";

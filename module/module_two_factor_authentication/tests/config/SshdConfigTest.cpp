@@ -11,15 +11,7 @@ namespace {
 const std::string K = "ChallengeResponseAuthentication";
 const std::string KBD = "KbdInteractiveAuthentication";
 
-class SshdConfigTest : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(root.Ok()); }
-
-    TestSupport::TempDir root;
-    std::unique_ptr<Engine::TwoFactorAuthenticationTask> task = TaskIn(root.Path());
-    StandInInstallation installation;
-    ModuleLogCapture log{root.Path()};
-};
+using SshdConfigTest = TaskInTempDir;
 
 TEST_F(SshdConfigTest, PreconditionRefusesOnlyExactFailingActiveLines)
 {
