@@ -38,7 +38,8 @@ TEST_F(PamFilesTest, IncludeFileMakesFirstPamUnixAuthLineRequiredAndAddsTheModul
         {"auth [success=1 new_authtok_reqd=done default=ignore] pam_unix.so\n",
          "auth required  default=ignore] pam_unix.so\n" + skip},
         // Only the first pam_unix line; every line trimmed and ended with "\n".
-        {"#%PAM-1.0\n\n   \n  auth required pam_env.so  \r\nauth sufficient pam_unix.so\nauth  sufficient  pam_unix.so  x  ",
+        {"#%PAM-1.0\n\n   \n  auth required pam_env.so  \r\nauth sufficient pam_unix.so\n"
+         "auth  sufficient  pam_unix.so  x  ",
          "#%PAM-1.0\n\n\nauth required pam_env.so\nauth required pam_unix.so\n" + sufficient +
              "auth  sufficient  pam_unix.so  x\n"},
         // Only lines whose first four characters are "auth" count, wherever pam_unix.so stands.
@@ -85,11 +86,13 @@ TEST_F(PamFilesTest, ServiceFileIsRewrittenOnlyWhenRecognised)
          "auth substack password-auth\n", "", {}},
         // An abnormal line after a good one: the include file is already written.
         {"auth substack password-auth\nauth include postlogin-auth\n", true, false,
-         "auth substack password-auth\nauth include postlogin-auth\n", fromPasswordAuth, {"E Pam sshd config abnormal."}},
+         "auth substack password-auth\nauth include postlogin-auth\n", fromPasswordAuth,
+         {"E Pam sshd config abnormal."}},
         // Already switched as far as can be told: the caller goes on, nothing is regenerated.
         {"@include\tbrackmoor-auth\n", true, true, "@include\tbrackmoor-auth\n", "", {modified}},
         {"@include\tbrackmoor-auth\n", false, true, "@include\tbrackmoor-auth\n", "", {modified}},
-        {"#@include common-auth\n", false, false, "#@include common-auth\n", "", {}},
+        // Nothing to restore: the file is not even normalised.
+        {"#@include common-auth  \n", false, false, "#@include common-auth  \n", "", {}},
         // With the added line moved above its copy, every "-auth" line up to
         // and including the copy goes: no system stack is included any more.
         {"auth\tsubstack\tbrackmoor-auth\naccount include password-auth\n#auth substack password-auth\n"
