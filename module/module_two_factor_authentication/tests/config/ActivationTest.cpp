@@ -6,6 +6,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -13,56 +14,66 @@
 #include "ConfigTestSupport.h"
 
 using namespace ConfigTest;
-using Poco::Message;
+using Paths = std::list<std::string>;
+namespace fs = std::filesystem;
 
 namespace {
 
-const std::string x86Dir = "/lib/x86_64-linux-gnu/security/";
-const std::string lib64Dir = "/lib64/security/";
-const std::string libDir = "/lib/security/";
-
-const std::string commonAuth = "auth [success=1 default=ignore] pam_unix.so nullok\nauth requisite pam_deny.so\n"
-                               "auth required pam_permit.so\n";
+// The system PAM module directories that the task installs into, in its order.
+const std::vector<std::string> moduleDirs = {"/lib/x86_64-linux-gnu/security/", "/lib/i386-linux-gnu/security/",
+                                             "/lib64/security/", "/lib/security/", "/lib/aarch64-linux-gnu/security/"};
+const std::string x86Dir = moduleDirs[0];
+const std::string lib64Dir = moduleDirs[2];
+const Paths bothCopies = {x86Dir + "pam_brackmoor.so", lib64Dir + "pam_brackmoor.so"};
+const std::string sshdOff = "UsePAM yes\nKbdInteractiveAuthentication no\n";
 const std::string serviceOff = "@include common-auth\n@include common-account\n";
 const std::string serviceOn = "#@include common-auth\n@include\tbrackmoor-auth\n@include common-account\n";
+const std::string earlierInclude = "left by an earlier run\n";
+const std::string generatedInclude = "auth required  pam_unix.so nullok\nauth [success=1 default=ignore] "
+                                     "pam_brackmoor.so refresh_time=301 echo=1 local=1\nauth requisite pam_deny.so\n";
 
-const std::string preconditionFailed =
-    "Not use pam or pwd auth or permit empty pwd, two-factor authentication cannot be used.";
-const std::string copyFailed = "Copy auth module failed, two-factor authentication cannot be used.";
-const std::string authFailed = "Switch on auth config failed, two-factor authentication cannot be used.";
-const std::string sshdFailed = "Switch on sshd challenge config failed, two-factor authentication cannot be used.";
+std::string Copied(const std::string& dir)
+{
+    return "I Copy pam module to (" + dir + ") success.";
+}
 
-// Makes `path` read-only for as long as the object lives (a bind mount of the
-// file onto itself, remounted read-only), so that opening it for writing fails
-// while reading still works.
+// The module copies present in the system module directories.
+Paths ModuleCopies()
+{
+    Paths copies;
+    for (const std::string& dir : moduleDirs) {
+        if (fs::exists(dir + "pam_brackmoor.so")) {
+            copies.push_back(dir + "pam_brackmoor.so");
+        }
+    }
+    return copies;
+}
+
+// Makes a file read-only while the object lives (a bind mount of the file
+// onto itself, remounted read-only): reading works, opening for writing fails.
+// Nothing happens for an empty path.
 class ReadOnlyFile {
 public:
     explicit ReadOnlyFile(const std::string& file) : path(file)
     {
-        mounted = mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0;
-        readOnly = mounted && mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
+        bound = !path.empty() && mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0;
+        ok = path.empty() || (bound && mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY,
+                                             nullptr) == 0);
     }
     ~ReadOnlyFile()
     {
-        if (mounted) {
+        if (bound) {
             umount(path.c_str());
         }
     }
-    bool Ok() const { return readOnly; }
+    bool ok = false;
 
 private:
     std::string path;
-    bool mounted = false;
-    bool readOnly = false;
+    bool bound = false;
 };
 
-mode_t ModeOf(const std::string& path)
-{
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-}
-
-class ActivationTest : public ::testing::Test {
+class ActivationTest : public TaskInTempDir {
 protected:
     void SetUp() override
     {
@@ -70,212 +81,136 @@ protected:
         if (!InsideSandbox(why)) {
             GTEST_SKIP() << why;
         }
-        ASSERT_TRUE(root.Ok());
+        ASSERT_NO_FATAL_FAILURE(TaskInTempDir::SetUp());
+        Prepare(sshdOff, serviceOff, {x86Dir, lib64Dir});
+    }
+
+    // The files and the module directories (without copies) before an
+    // activation; Init sets the flag right before it activates.
+    void Prepare(const std::string& sshdConfig, const std::string& service, const std::vector<std::string>& dirs)
+    {
         task = TaskIn(root.Path());
-        WriteText(task->sshdConfigPath, "UsePAM yes\nKbdInteractiveAuthentication no\n");
-        WriteText(task->pamDir + "common-auth", commonAuth);
-        WriteText(task->pamSshdPath, serviceOff);
-        KeepModuleDirs({x86Dir, lib64Dir});
-        // Init sets the flag right before it activates.
+        WriteText(task->sshdConfigPath, sshdConfig);
+        WriteText(task->pamDir + "common-auth", "auth [success=1 default=ignore] pam_unix.so nullok\n"
+                                                "auth requisite pam_deny.so\n");
+        WriteText(task->pamSshdPath, service);
+        WriteText(task->pamIncludePath, earlierInclude);
+        for (const std::string& dir : moduleDirs) {
+            fs::remove_all(std::count(dirs.begin(), dirs.end(), dir) ? dir + "pam_brackmoor.so" : dir);
+        }
+        for (const std::string& dir : dirs) {
+            fs::create_directories(dir);
+        }
         task->authEnabled = true;
     }
-
-    std::string Installed(const std::string& dir) const { return dir + "pam_brackmoor.so"; }
-
-    void ExpectNoModuleCopies() const
-    {
-        for (const std::string& dir : moduleDirs) {
-            EXPECT_FALSE(Exists(Installed(dir))) << dir;
-        }
-    }
-
-    TestSupport::TempDir root;
-    StandInInstallation installation;
-    std::unique_ptr<Engine::TwoFactorAuthenticationTask> task;
-    ModuleLogCapture log;
 };
 
-TEST_F(ActivationTest, SwitchesEverythingOnAndInstallsIntoEveryExistingDirectory)
+TEST_F(ActivationTest, SwitchesEverythingOnAndRemovesTheCopiesAgain)
 {
-    ASSERT_TRUE(task->OpenPam()) << log.Dump();
+    ASSERT_TRUE(task->OpenPam());
     EXPECT_TRUE(task->authEnabled);
-    EXPECT_EQ(task->installedModulePaths, (std::list<std::string>{Installed(x86Dir), Installed(lib64Dir)}));
-    for (const std::string& dir : {x86Dir, lib64Dir}) {
-        EXPECT_EQ(ReadText(Installed(dir)), "stand-in PAM module\n");
-        EXPECT_EQ(ModeOf(Installed(dir)), 0705u) << dir;
-        EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION, "Copy pam module to (" + dir + ") success.")) << log.Dump();
+    EXPECT_EQ(task->installedModulePaths, bothCopies);
+    for (const std::string& copy : bothCopies) {
+        struct stat st {};
+        EXPECT_EQ(ReadText(copy), "stand-in PAM module\n");
+        EXPECT_EQ(stat(copy.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0705u) << copy;
     }
     EXPECT_EQ(ReadText(task->pamSshdPath), serviceOn);
-    EXPECT_TRUE(Exists(task->pamIncludePath));
+    EXPECT_EQ(ReadText(task->pamIncludePath), generatedInclude);
     EXPECT_EQ(ReadText(task->sshdConfigPath),
               "UsePAM yes\n#KbdInteractiveAuthentication no\nKbdInteractiveAuthentication yes\n");
     EXPECT_EQ(installation.RestartCount(), 1);
-    EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION, "No (ChallengeResponseAuthentication) config."));
-    EXPECT_EQ(log.Texts().size(), 3u) << log.Dump();
+    EXPECT_EQ(log.Records(),
+              (Records{Copied(x86Dir), Copied(lib64Dir), "I No (ChallengeResponseAuthentication) config."}));
 
+    // Deletion goes on past a copy that is gone already, and forgets them all.
+    fs::remove(bothCopies.front());
     log.Clear();
     task->DeleteAuthModule();
-    EXPECT_TRUE(task->installedModulePaths.empty());
-    ExpectNoModuleCopies();
-    EXPECT_TRUE(log.Texts().empty()) << log.Dump();
+    EXPECT_EQ(log.Records(), Records{"E Delete pam module(" + bothCopies.front() + ") failed, errno(2)."});
+    EXPECT_EQ(task->installedModulePaths, Paths{});
+    EXPECT_EQ(ModuleCopies(), Paths{});
 }
 
-TEST_F(ActivationTest, FailedPreconditionChangesNothing)
+TEST_F(ActivationTest, EveryFailingStepRollsBackAllThatNothingNamesAnyMore)
 {
-    WriteText(task->sshdConfigPath, "UsePAM no\nKbdInteractiveAuthentication no\n");
-    EXPECT_FALSE(task->OpenPam());
-    EXPECT_FALSE(task->authEnabled);
-    EXPECT_EQ(log.Texts(), std::vector<std::string>{preconditionFailed});
-    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, preconditionFailed));
-    ExpectNoModuleCopies();
-    EXPECT_EQ(ReadText(task->pamSshdPath), serviceOff);
-    EXPECT_EQ(installation.RestartCount(), 0);
-}
+    struct Row {
+        std::string sshdConfig;
+        std::string service;
+        std::string readOnly;           // file under the root made read-only; empty: none
+        std::vector<std::string> dirs;  // module directories that exist
+        bool installationPath;          // false: the installation path is unknown
+        Records logs;
+        std::string include;            // the include file afterwards; empty: removed
+        bool copiesKept;                // the service file may still name the module
+    };
+    const std::string cannot = ", two-factor authentication cannot be used.";
+    const std::string copied[] = {Copied(x86Dir), Copied(lib64Dir)};
+    const std::string noKeywords[] = {"I No (ChallengeResponseAuthentication) config.",
+                                      "I No (KbdInteractiveAuthentication) config."};
+    const std::string authFailed = "E Switch on auth config failed" + cannot;
+    const std::string sshdFailed = "E Switch on sshd challenge config failed" + cannot;
+    const std::string serviceReadOnly = "E Open pam sshd config file(ROOT/pam.d/sshd) failed, errno(30).";
+    const std::vector<std::string> dirs = {x86Dir, lib64Dir};
+    const Row rows[] = {
+        {"UsePAM no\n", serviceOff, "", dirs, true,
+         {"E Not use pam or pwd auth or permit empty pwd" + cannot}, earlierInclude, false},
+        {sshdOff, serviceOff, "", {}, true, {"E Copy auth module failed" + cannot}, earlierInclude, false},
+        {sshdOff, serviceOff, "", dirs, false,
+         {"E Get install path failed, copy auth module failed.", "E Copy auth module failed" + cannot},
+         earlierInclude, false},
+        // The include file may have been generated: the next run writes it anew.
+        {sshdOff, "auth substack common-auth\nauth include postlogin-auth\n", "", dirs, true,
+         {copied[0], copied[1], "E Pam sshd config abnormal.", authFailed}, generatedInclude, false},
+        {sshdOff, serviceOff, "pam.d/sshd", dirs, true, {copied[0], copied[1], serviceReadOnly, authFailed},
+         generatedInclude, false},
+        {"UsePAM yes\n", serviceOff, "", dirs, true, {copied[0], copied[1], noKeywords[0], noKeywords[1], sshdFailed},
+         "", false},
+        {sshdOff, serviceOff, "sshd_config", dirs, true,
+         {copied[0], copied[1], noKeywords[0], "E Open sshd config file(ROOT/sshd_config) failed, errno(30).",
+          sshdFailed},
+         "", false},
+        // The service file cannot be switched back and still includes our
+        // file, which calls the module: removing either would break logins.
+        {"UsePAM yes\n", serviceOn, "pam.d/sshd", dirs, true,
+         {copied[0], copied[1], "W Pam sshd config file has been modified.", noKeywords[0], noKeywords[1], sshdFailed,
+          serviceReadOnly, "E Switch off auth config failed."},
+         earlierInclude, true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE("row " + std::to_string(&row - rows));
+        Prepare(row.sshdConfig, row.service, row.dirs);
+        StandInInstallation fresh;
+        if (!row.installationPath) {
+            fresh.Unset();
+        }
+        ReadOnlyFile readOnly(row.readOnly.empty() ? "" : root.File(row.readOnly));
+        ASSERT_TRUE(readOnly.ok) << std::strerror(errno);
+        log.Clear();
 
-TEST_F(ActivationTest, NoModuleDirectoryStopsTheActivation)
-{
-    KeepModuleDirs({});
-    EXPECT_FALSE(task->CopyAuthModule());
-    EXPECT_TRUE(log.Texts().empty()) << log.Dump();
-
-    EXPECT_FALSE(task->OpenPam());
-    EXPECT_FALSE(task->authEnabled);
-    EXPECT_EQ(log.Texts(), std::vector<std::string>{copyFailed});
-    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, copyFailed));
-    EXPECT_EQ(ReadText(task->pamSshdPath), serviceOff);
-}
-
-TEST_F(ActivationTest, SingleDirectoryGetsOneCopy)
-{
-    KeepModuleDirs({lib64Dir});
-    ASSERT_TRUE(task->CopyAuthModule());
-    EXPECT_EQ(task->installedModulePaths, std::list<std::string>{Installed(lib64Dir)});
-    EXPECT_EQ(log.Texts(), std::vector<std::string>{"Copy pam module to (" + lib64Dir + ") success."});
+        EXPECT_FALSE(task->OpenPam());
+        EXPECT_FALSE(task->authEnabled);
+        EXPECT_EQ(log.Records(), row.logs);
+        EXPECT_EQ(ReadText(task->sshdConfigPath), row.sshdConfig);
+        EXPECT_EQ(ReadText(task->pamSshdPath), row.service);
+        EXPECT_EQ(ReadText(task->pamIncludePath), row.include);
+        EXPECT_EQ(fresh.RestartCount(), 0);
+        EXPECT_EQ(task->installedModulePaths, row.copiesKept ? bothCopies : Paths{});
+        EXPECT_EQ(ModuleCopies(), row.copiesKept ? bothCopies : Paths{});
+    }
 }
 
 TEST_F(ActivationTest, CopyFailingInOneDirectoryGoesOnToTheNext)
 {
-    KeepModuleDirs({x86Dir, libDir});
+    Prepare(sshdOff, serviceOff, {x86Dir, "/lib/security/"});
     // A directory where the module file should go: the copy cannot replace it.
-    std::filesystem::create_directories(Installed(x86Dir));
-    ASSERT_TRUE(task->OpenPam()) << log.Dump();
-    EXPECT_EQ(task->installedModulePaths, std::list<std::string>{Installed(libDir)});
-    EXPECT_TRUE(log.Has(Message::PRIO_ERROR,
-                        "Copy pam module to (" + x86Dir + ") failed, result(-1), errno(" + std::to_string(EISDIR) + ")."))
-        << log.Dump();
-    EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION, "Copy pam module to (" + libDir + ") success."));
-    std::filesystem::remove_all(Installed(x86Dir));
-}
-
-TEST_F(ActivationTest, UnknownInstallationPathKeepsTheRecordedCopies)
-{
-    task->installedModulePaths = {"/recorded/earlier"};
-    NoInstallationPath noPath;
-    EXPECT_FALSE(task->CopyAuthModule());
-    EXPECT_EQ(task->installedModulePaths, std::list<std::string>{"/recorded/earlier"});
-    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, "Get install path failed, copy auth module failed.")) << log.Dump();
-    ExpectNoModuleCopies();
-}
-
-TEST_F(ActivationTest, FailedServiceSwitchRemovesCopiesButLeavesTheIncludeFile)
-{
-    const std::string service = "auth substack common-auth\nauth include postlogin-auth\n";
-    WriteText(task->pamSshdPath, service);
-    EXPECT_FALSE(task->OpenPam());
-    EXPECT_FALSE(task->authEnabled);
-    EXPECT_EQ(log.Texts().back(), authFailed) << log.Dump();
-    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, authFailed));
-    EXPECT_TRUE(task->installedModulePaths.empty());
-    ExpectNoModuleCopies();
-    EXPECT_TRUE(Exists(task->pamIncludePath));
-    EXPECT_EQ(ReadText(task->pamSshdPath), service);
-    EXPECT_EQ(installation.RestartCount(), 0);
-}
-
-TEST_F(ActivationTest, AlreadySwitchedServiceFileGoesOn)
-{
-    WriteText(task->pamSshdPath, serviceOn);
-    ASSERT_TRUE(task->OpenPam()) << log.Dump();
-    EXPECT_TRUE(task->authEnabled);
-    EXPECT_TRUE(log.Has(Message::PRIO_WARNING, "Pam sshd config file has been modified.")) << log.Dump();
-    EXPECT_EQ(ReadText(task->pamSshdPath), serviceOn);
-    EXPECT_EQ(installation.RestartCount(), 1);
-}
-
-TEST_F(ActivationTest, FailedSshdSwitchRollsEverythingBack)
-{
-    WriteText(task->sshdConfigPath, "UsePAM yes\n");
-    EXPECT_FALSE(task->OpenPam());
-    EXPECT_FALSE(task->authEnabled);
-    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, sshdFailed)) << log.Dump();
-    EXPECT_EQ(ReadText(task->pamSshdPath), serviceOff);
-    EXPECT_FALSE(Exists(task->pamIncludePath));
-    EXPECT_TRUE(task->installedModulePaths.empty());
-    ExpectNoModuleCopies();
-}
-
-TEST_F(ActivationTest, FailedSshdSwitchWithUnwritableServiceFileRemovesNothing)
-{
-    WriteText(task->pamSshdPath, serviceOn);
-    WriteText(task->pamIncludePath, "included\n");
-    WriteText(task->sshdConfigPath, "UsePAM yes\n");
-    ReadOnlyFile readOnly(task->pamSshdPath);
-    ASSERT_TRUE(readOnly.Ok()) << std::strerror(errno);
-
-    EXPECT_FALSE(task->OpenPam());
-    EXPECT_FALSE(task->authEnabled);
-    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, sshdFailed)) << log.Dump();
-    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, "Open pam sshd config file(" + task->pamSshdPath + ") failed, errno(" +
-                                                 std::to_string(EROFS) + ")."))
-        << log.Dump();
-    EXPECT_EQ(log.Texts().back(), "Switch off auth config failed.");
-    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, "Switch off auth config failed."));
-    // The service file still includes our file, which calls the module.
-    EXPECT_EQ(ReadText(task->pamSshdPath), serviceOn);
-    EXPECT_EQ(ReadText(task->pamIncludePath), "included\n");
-    EXPECT_EQ(task->installedModulePaths, (std::list<std::string>{Installed(x86Dir), Installed(lib64Dir)}));
-    EXPECT_TRUE(Exists(Installed(x86Dir)));
-    EXPECT_TRUE(Exists(Installed(lib64Dir)));
-}
-
-TEST_F(ActivationTest, UnwritableSshdConfigIsReportedAndNotRestarted)
-{
-    const std::string original = "UsePAM yes\nKbdInteractiveAuthentication no\n";
-    ReadOnlyFile readOnly(task->sshdConfigPath);
-    ASSERT_TRUE(readOnly.Ok()) << std::strerror(errno);
-    EXPECT_FALSE(task->SwitchSshdConfig(true));
-    EXPECT_EQ(ReadText(task->sshdConfigPath), original);
-    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, "Open sshd config file(" + task->sshdConfigPath + ") failed, errno(" +
-                                                 std::to_string(EROFS) + ")."))
-        << log.Dump();
-    EXPECT_EQ(installation.RestartCount(), 0);
-}
-
-TEST_F(ActivationTest, UnwritableServiceFileIsReportedWhenSwitchingOn)
-{
-    ReadOnlyFile readOnly(task->pamSshdPath);
-    ASSERT_TRUE(readOnly.Ok()) << std::strerror(errno);
-    EXPECT_FALSE(task->SwitchAuth(true));
-    EXPECT_EQ(ReadText(task->pamSshdPath), serviceOff);
-    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, "Open pam sshd config file(" + task->pamSshdPath + ") failed, errno(" +
-                                                 std::to_string(EROFS) + ")."))
-        << log.Dump();
-}
-
-TEST_F(ActivationTest, DeletionGoesOnPastMissingCopiesAndForgetsThemAll)
-{
+    fs::create_directories(x86Dir + "pam_brackmoor.so");
     ASSERT_TRUE(task->CopyAuthModule());
-    std::filesystem::remove(Installed(x86Dir));
-    log.Clear();
-    task->DeleteAuthModule();
-    EXPECT_EQ(log.Texts(), std::vector<std::string>{"Delete pam module(" + Installed(x86Dir) + ") failed, errno(2)."});
-    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, "Delete pam module(" + Installed(x86Dir) + ") failed, errno(2)."));
-    EXPECT_TRUE(task->installedModulePaths.empty());
-    ExpectNoModuleCopies();
-
-    log.Clear();
-    task->DeleteAuthModule();
-    EXPECT_TRUE(log.Texts().empty());
+    fs::remove_all(x86Dir + "pam_brackmoor.so");
+    EXPECT_EQ(task->installedModulePaths, Paths{"/lib/security/pam_brackmoor.so"});
+    EXPECT_EQ(log.Records(), (Records{"E Copy pam module to (" + x86Dir + ") failed, result(-1), errno(" +
+                                          std::to_string(EISDIR) + ").",
+                                      Copied("/lib/security/")}));
 }
 
 } // namespace

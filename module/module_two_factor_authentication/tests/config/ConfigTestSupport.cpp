@@ -1,30 +1,28 @@
 #include "ConfigTestSupport.h"
 
-#include <sys/stat.h>
-
 #include <cstdlib>
-
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 #include "Framework/ConfigManager.h"
 #include "TwoFactorAuthenticationLog.h"
+
+namespace fs = std::filesystem;
 
 namespace ConfigTest {
 
 namespace {
 
-const char* const task_source_file = "TwoFactorAuthenticationTask.cpp";
 const char* const installation_path_key = "agent.installation_path";
 
 } // namespace
 
-ModuleLogCapture::ModuleLogCapture()
-    : logger(Engine::TwoFactorAuthentication::GetLoggerPtr()), channel(new TestSupport::CapturingChannel)
+ModuleLogCapture::ModuleLogCapture(std::string hiddenRoot)
+    : root(std::move(hiddenRoot)), logger(Engine::TwoFactorAuthentication::GetLoggerPtr()),
+      channel(new TestSupport::CapturingChannel), formerChannel(logger->getChannel()), formerLevel(logger->getLevel())
 {
-    formerChannel = logger->getChannel();
-    formerLevel = logger->getLevel();
     logger->setChannel(channel);
     logger->setLevel(Poco::Message::PRIO_TRACE);
 }
@@ -35,67 +33,41 @@ ModuleLogCapture::~ModuleLogCapture()
     logger->setLevel(formerLevel);
 }
 
-bool ModuleLogCapture::Has(Poco::Message::Priority priority, const std::string& text) const
+Records ModuleLogCapture::Records() const
 {
+    ConfigTest::Records records;
     for (const Poco::Message& message : channel->Messages()) {
-        const char* file = message.getSourceFile();
-        if (message.getText() == text && message.getPriority() == priority && file != nullptr &&
-            std::string(file) == task_source_file && message.getSourceLine() > 0) {
-            return true;
+        std::string text = message.getText();
+        for (size_t at = 0; !root.empty() && (at = text.find(root, at)) != std::string::npos;) {
+            text.replace(at, root.size(), "ROOT");
         }
+        const char* file = message.getSourceFile();
+        const bool fromTask = file != nullptr && std::string(file) == "TwoFactorAuthenticationTask.cpp" &&
+                              message.getSourceLine() > 0;
+        // Poco's priorities run from 1 (fatal) to 8 (trace).
+        records.push_back(std::string(1, "?FCEWNIDT"[message.getPriority()]) + " " + text +
+                          (fromTask ? "" : " (not from the task)"));
     }
-    return false;
-}
-
-std::vector<std::string> ModuleLogCapture::Texts() const
-{
-    std::vector<std::string> texts;
-    for (const Poco::Message& message : channel->Messages()) {
-        texts.push_back(message.getText());
-    }
-    return texts;
-}
-
-std::string ModuleLogCapture::Dump() const
-{
-    std::string dump = "records:\n";
-    for (const Poco::Message& message : channel->Messages()) {
-        dump += "  " + std::to_string(message.getPriority()) + ": " + message.getText() + "\n";
-    }
-    return dump;
-}
-
-void ModuleLogCapture::Clear()
-{
-    channel->Clear();
+    return records;
 }
 
 StandInInstallation::StandInInstallation(const std::string& moduleSource)
 {
-    std::filesystem::create_directories(dir.Path() + "/sudobin");
-    std::filesystem::create_directories(dir.Path() + "/module");
-    // The real script restarts sshd; this one only leaves a mark.
-    const std::string script = "#!/bin/sh\necho restart >> '" + dir.Path() + "/restarts'\n";
-    dir.Write("sudobin/sshrestart.sh", script, 0755);
+    fs::create_directories(dir.File("sudobin"));
+    fs::create_directories(dir.File("module"));
+    // Exits with a failure: the task ignores the script's result.
+    dir.Write("sudobin/sshrestart.sh", "#!/bin/sh\necho restart >> '" + dir.File("restarts") + "'\nexit 3\n", 0755);
     if (moduleSource.empty()) {
         dir.Write("module/pam_brackmoor.so", "stand-in PAM module\n");
     } else {
-        std::filesystem::copy_file(moduleSource, dir.File("module/pam_brackmoor.so"),
-                                   std::filesystem::copy_options::overwrite_existing);
+        fs::copy_file(moduleSource, dir.File("module/pam_brackmoor.so"), fs::copy_options::overwrite_existing);
     }
     Framework::ConfigManager::GetInstance()->Set(installation_path_key, Path());
 }
 
-StandInInstallation::~StandInInstallation()
+void StandInInstallation::Unset()
 {
-    // Never fall back to the default installation, whose script would restart
-    // this machine's sshd.
     Framework::ConfigManager::GetInstance()->Set(installation_path_key, "");
-}
-
-std::string StandInInstallation::Path() const
-{
-    return dir.Path() + "/";
 }
 
 int StandInInstallation::RestartCount() const
@@ -103,40 +75,17 @@ int StandInInstallation::RestartCount() const
     return static_cast<int>(Lines(ReadText(dir.File("restarts"))).size());
 }
 
-NoInstallationPath::NoInstallationPath()
-{
-    Framework::ConfigManager::GetInstance()->Set(installation_path_key, "");
-}
-
-NoInstallationPath::~NoInstallationPath() = default;
-
-std::string ReadText(const std::string& path)
-{
-    return TestSupport::ReadWholeFile(path);
-}
-
 void WriteText(const std::string& path, const std::string& text)
 {
-    const std::filesystem::path parent = std::filesystem::path(path).parent_path();
-    if (!parent.empty()) {
-        std::filesystem::create_directories(parent);
-    }
-    std::ofstream file(path, std::ios::out | std::ios::trunc | std::ios::binary);
-    file << text;
-}
-
-bool Exists(const std::string& path)
-{
-    struct stat st {};
-    return lstat(path.c_str(), &st) == 0;
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path, std::ios::trunc | std::ios::binary) << text;
 }
 
 std::vector<std::string> Lines(const std::string& text)
 {
     std::vector<std::string> lines;
     std::istringstream stream(text);
-    std::string line;
-    while (std::getline(stream, line)) {
+    for (std::string line; std::getline(stream, line);) {
         lines.push_back(line);
     }
     return lines;
@@ -146,11 +95,10 @@ std::string Normalise(const std::string& text)
 {
     static const char blanks[] = " \t\r\n\v\f";
     std::string result;
-    for (std::string line : Lines(text)) {
-        const size_t last = line.find_last_not_of(blanks);
-        line = (last == std::string::npos) ? "" : line.substr(0, last + 1);
-        line.erase(0, line.find_first_not_of(blanks));
-        result += line + "\n";
+    for (const std::string& line : Lines(text)) {
+        const size_t first = line.find_first_not_of(blanks);
+        result += (first == std::string::npos ? "" : line.substr(first, line.find_last_not_of(blanks) + 1 - first));
+        result += "\n";
     }
     return result;
 }
@@ -158,16 +106,12 @@ std::string Normalise(const std::string& text)
 std::unique_ptr<Engine::TwoFactorAuthenticationTask> TaskIn(const std::string& root)
 {
     auto task = std::make_unique<Engine::TwoFactorAuthenticationTask>();
-    task->pamDir = root + "/etc/pam.d/";
-    task->sshdConfigPath = root + "/etc/ssh/sshd_config";
-    task->pamSshdPath = root + "/etc/pam.d/sshd";
-    task->pamIncludePath = root + "/etc/pam.d/brackmoor-auth";
+    task->pamDir = root + "/pam.d/";
+    task->sshdConfigPath = root + "/sshd_config";
+    task->pamSshdPath = root + "/pam.d/sshd";
+    task->pamIncludePath = root + "/pam.d/brackmoor-auth";
     return task;
 }
-
-const std::vector<std::string> moduleDirs = {
-    "/lib/x86_64-linux-gnu/security/", "/lib/i386-linux-gnu/security/", "/lib64/security/",
-    "/lib/security/", "/lib/aarch64-linux-gnu/security/"};
 
 namespace {
 
@@ -176,28 +120,17 @@ namespace {
 bool MountedBySandbox(const std::string& mountPoint)
 {
     std::ifstream mountInfo("/proc/self/mountinfo");
-    std::string line;
     bool bySandbox = false;
-    while (std::getline(mountInfo, line)) {
-        const size_t separator = line.find(" - ");
-        if (separator == std::string::npos) {
-            continue;
-        }
-        std::istringstream head(line.substr(0, separator));
+    for (std::string line; std::getline(mountInfo, line);) {
+        std::istringstream fields(line);
         std::string id, parent, device, root, point;
-        head >> id >> parent >> device >> root >> point;
-        if (point == mountPoint) {
+        if (fields >> id >> parent >> device >> root >> point && point == mountPoint) {
             // Later entries are mounted on top of earlier ones.
-            bySandbox = line.find("brackmoor-sandbox", separator) != std::string::npos;
+            bySandbox = line.find(" - ") != std::string::npos &&
+                        line.find("brackmoor-sandbox", line.find(" - ")) != std::string::npos;
         }
     }
     return bySandbox;
-}
-
-bool LinksTo(const std::string& link, const std::string& target)
-{
-    std::error_code error;
-    return std::filesystem::canonical(link, error) == std::filesystem::path(target) && !error;
 }
 
 } // namespace
@@ -205,48 +138,15 @@ bool LinksTo(const std::string& link, const std::string& target)
 bool InsideSandbox(std::string& why)
 {
     const char* flag = std::getenv("BRACKMOOR_IN_SANDBOX");
-    if (flag == nullptr || std::string(flag) != "1") {
-        why = "not inside tests/sandbox/sandbox-run; this test changes system paths";
-        return false;
-    }
-    if (!MountedBySandbox("/etc") || !MountedBySandbox("/run")) {
-        why = "/etc and /run are not the sandbox's private copies";
-        return false;
-    }
+    std::error_code error;
     // Every module directory must lie on an overlay of the sandbox, so that
     // creating and removing them changes nothing on this machine.
-    if (!LinksTo("/lib", "/usr/lib") || !LinksTo("/lib64", "/usr/lib64") || !MountedBySandbox("/usr/lib") ||
-        !MountedBySandbox("/usr/lib64")) {
-        why = "the PAM module directories are not on the sandbox's overlays (needs /lib -> /usr/lib, "
-              "/lib64 -> /usr/lib64)";
-        return false;
-    }
-    return true;
-}
-
-void KeepModuleDirs(const std::vector<std::string>& wanted)
-{
-    for (const std::string& dir : moduleDirs) {
-        bool keep = false;
-        for (const std::string& w : wanted) {
-            keep = keep || w == dir;
-        }
-        if (keep) {
-            std::filesystem::create_directories(dir);
-            std::filesystem::remove_all(dir + "pam_brackmoor.so");
-        } else {
-            std::filesystem::remove_all(dir);
-        }
-    }
-}
-
-void SetPolicy(Engine::TwoFactorAuthenticationTask& task, int refreshTime, int echo, int local,
-               const std::vector<std::string>& excludeUsers)
-{
-    task.refreshTime = refreshTime;
-    task.echo = echo;
-    task.local = local;
-    task.excludeUserList = excludeUsers;
+    const bool inside = flag != nullptr && std::string(flag) == "1" && MountedBySandbox("/etc") &&
+                        MountedBySandbox("/run") && MountedBySandbox("/usr/lib") && MountedBySandbox("/usr/lib64") &&
+                        fs::canonical("/lib", error) == "/usr/lib" && fs::canonical("/lib64", error) == "/usr/lib64";
+    why = "needs tests/sandbox/sandbox-run with /etc, /run, /usr/lib and /usr/lib64 its own and /lib, /lib64 "
+          "linking to the latter two: this test changes system paths";
+    return inside && !error;
 }
 
 } // namespace ConfigTest

@@ -4,8 +4,10 @@
 // are kept under golden/.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <sstream>
+#include <regex>
+#include <set>
 
 #include "ConfigTestSupport.h"
 
@@ -14,17 +16,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string testDir = CONFIG_TEST_DIR;
-const std::string corpusDir = CONFIG_TEST_CORPUS_DIR;
-
 struct System {
     std::string name;
-    bool fromCorpus;       // corpus layout (sshd_config, pam.d/) or ours (etc/ssh, etc/pam.d)
-    bool precondition;     // IsUsePamAndPwdAuth
-    bool authOn;           // SwitchAuth(true)
-    bool linked;           // the service file then includes brackmoor-auth
-    std::string keyword;   // keyword SwitchSshdConfig edits; empty when it fails
-    bool golden;           // golden/<name>/{brackmoor-auth,sshd} hold the switched-on files
+    bool fromCorpus;      // ../shared/corpus, or our distributions/
+    bool precondition;    // IsUsePamAndPwdAuth()
+    bool authOn;          // SwitchAuth(true)
+    bool linked;          // the service file then includes brackmoor-auth
+    std::string keyword;  // the keyword SwitchSshdConfig() edits once the service file is switched
+    bool golden;          // golden/[corpus-]<name>/{brackmoor-auth,sshd} hold the switched-on files
     // What switching off leaves different from the original, normalised:
     // `cycleFrom` there reads `cycleTo`.
     std::string cycleFrom;
@@ -33,105 +32,46 @@ struct System {
 
 std::string Source(const System& s)
 {
-    return s.fromCorpus ? corpusDir + "/" + s.name : testDir + "/distributions/" + s.name;
+    return s.fromCorpus ? CONFIG_TEST_CORPUS_DIR "/" + s.name : CONFIG_TEST_DIR "/distributions/" + s.name;
 }
 
-std::string GoldenDir(const System& s)
-{
-    return testDir + "/golden/" + (s.fromCorpus ? "corpus-" : "") + s.name;
-}
-
-// Copies a system into `root`, in the layout TaskIn() expects.
-void Install(const System& s, const std::string& root)
-{
-    if (!s.fromCorpus) {
-        fs::copy(Source(s), root, fs::copy_options::recursive);
-        return;
-    }
-    fs::create_directories(root + "/etc/ssh");
-    fs::copy(Source(s) + "/pam.d", root + "/etc/pam.d", fs::copy_options::recursive);
-    if (fs::exists(Source(s) + "/sshd_config")) {
-        fs::copy_file(Source(s) + "/sshd_config", root + "/etc/ssh/sshd_config");
-    }
-}
-
-// A key line of `key`, active or behind one "#", as sshd_config editing
-// understands it; `value` empty for either value.
-bool IsKeyLine(std::string line, const std::string& key, bool commented, const std::string& value)
-{
-    line = Normalise(line + "\n");
-    line.pop_back();
-    if (commented != (!line.empty() && line[0] == '#')) {
-        return false;
-    }
-    if (commented) {
-        line.erase(0, 1);
-    }
-    std::istringstream fields(line);
-    std::string first;
-    std::string second;
-    std::string rest;
-    fields >> first >> second;
-    if (fields >> rest) {
-        return false;
-    }
-    return first == key && (value.empty() ? (second == "yes" || second == "no") : second == value);
-}
-
-std::string WithoutKeyLines(const std::string& text, const std::string& key)
-{
-    std::string kept;
-    for (const std::string& line : Lines(Normalise(text))) {
-        if (!IsKeyLine(line, key, false, "") && !IsKeyLine(line, key, true, "")) {
-            kept += line + "\n";
-        }
-    }
-    return kept;
-}
-
-int CountKeyLines(const std::string& text, const std::string& key, bool commented, const std::string& value)
-{
-    int count = 0;
-    for (const std::string& line : Lines(text)) {
-        count += IsKeyLine(line, key, commented, value) ? 1 : 0;
-    }
-    return count;
-}
-
-// Switched on (active "yes") or off (active "no"), with the other value
-// commented out; every other line as the original, normalised.
+// `now` is `original` normalised with `key` switched: its key lines are all
+// "key <wanted>" or "#key <other>", both kinds present, no other line changed.
 void ExpectSshdSwitched(const std::string& original, const std::string& now, const std::string& key, bool on)
 {
-    const std::string active = on ? "yes" : "no";
-    const std::string inactive = on ? "no" : "yes";
-    EXPECT_EQ(WithoutKeyLines(now, key), WithoutKeyLines(original, key));
-    EXPECT_EQ(now, Normalise(now)) << "not normalised";
-    EXPECT_GE(CountKeyLines(now, key, false, active), 1) << now;
-    EXPECT_EQ(CountKeyLines(now, key, false, inactive), 0) << now;
-    EXPECT_GE(CountKeyLines(now, key, true, inactive), 1) << now;
+    const auto split = [&key](const std::string& text, std::set<std::string>& keyLineKinds) {
+        const std::regex keyLine("(#?)[ \t]*" + key + "[ \t]+(yes|no)");
+        std::string otherLines;
+        for (const std::string& line : Lines(Normalise(text))) {
+            std::smatch match;
+            if (std::regex_match(line, match, keyLine)) {
+                keyLineKinds.insert(match.str(1) + match.str(2));
+            } else {
+                otherLines += line + "\n";
+            }
+        }
+        return otherLines;
+    };
+    std::set<std::string> originalKinds;
+    std::set<std::string> after;
+    EXPECT_EQ(now, Normalise(now));
+    EXPECT_EQ(split(now, after), split(original, originalKinds));
+    EXPECT_EQ(after, (on ? std::set<std::string>{"yes", "#no"} : std::set<std::string>{"no", "#yes"})) << now;
 }
 
-void PrintTo(const System& s, std::ostream* out)
-{
-    *out << s.name;
-}
-
-class DistributionCycleTest : public ::testing::TestWithParam<System> {
+class DistributionCycleTest : public TaskInTempDir, public ::testing::WithParamInterface<System> {
 protected:
     void SetUp() override
     {
-        if (GetParam().fromCorpus && !fs::is_directory(Source(GetParam()))) {
-            GTEST_SKIP() << "corpus not present at " << corpusDir;
+        if (!fs::is_directory(Source(GetParam()))) {
+            GTEST_SKIP() << Source(GetParam()) << " is not present";
         }
-        ASSERT_TRUE(root.Ok());
-        Install(GetParam(), root.Path());
-        task = TaskIn(root.Path());
-        SetPolicy(*task, 300, 1, 0, {"root", "deploy"});
+        ASSERT_NO_FATAL_FAILURE(TaskInTempDir::SetUp());
+        fs::copy(Source(GetParam()), root.Path(), fs::copy_options::recursive);
+        task->refreshTime = 300;
+        task->local = 0;
+        task->excludeUserList = {"root", "deploy"};
     }
-
-    TestSupport::TempDir root;
-    StandInInstallation installation;
-    std::unique_ptr<Engine::TwoFactorAuthenticationTask> task;
 };
 
 TEST_P(DistributionCycleTest, SwitchOnThenOffRestoresTheSystem)
@@ -139,13 +79,11 @@ TEST_P(DistributionCycleTest, SwitchOnThenOffRestoresTheSystem)
     const System& s = GetParam();
     const std::string service = ReadText(task->pamSshdPath);
     const std::string sshd = ReadText(task->sshdConfigPath);
-
     ASSERT_EQ(task->IsUsePamAndPwdAuth(), s.precondition);
     if (!s.precondition) {
         return;  // activation stops here, nothing is switched
     }
 
-    // Switch on.
     ASSERT_EQ(task->SwitchAuth(true), s.authOn);
     const std::string serviceOn = ReadText(task->pamSshdPath);
     if (!s.authOn) {
@@ -154,15 +92,13 @@ TEST_P(DistributionCycleTest, SwitchOnThenOffRestoresTheSystem)
     }
     EXPECT_EQ(serviceOn.find("brackmoor-auth") != std::string::npos, s.linked);
     if (s.golden) {
-        EXPECT_EQ(ReadText(task->pamIncludePath), ReadText(GoldenDir(s) + "/brackmoor-auth"));
-        EXPECT_EQ(serviceOn, ReadText(GoldenDir(s) + "/sshd"));
+        const std::string golden = std::string(CONFIG_TEST_DIR "/golden/") + (s.fromCorpus ? "corpus-" : "") + s.name;
+        EXPECT_EQ(ReadText(task->pamIncludePath), ReadText(golden + "/brackmoor-auth"));
+        EXPECT_EQ(serviceOn, ReadText(golden + "/sshd"));
     }
-    ASSERT_EQ(task->SwitchSshdConfig(true), !s.keyword.empty());
-    if (!s.keyword.empty()) {
-        ExpectSshdSwitched(sshd, ReadText(task->sshdConfigPath), s.keyword, true);
-    }
+    ASSERT_TRUE(task->SwitchSshdConfig(true));
+    ExpectSshdSwitched(sshd, ReadText(task->sshdConfigPath), s.keyword, true);
 
-    // Switch off.
     EXPECT_EQ(task->SwitchAuth(false), s.linked);
     std::string serviceRestored = Normalise(service);
     if (!s.cycleFrom.empty()) {
@@ -171,25 +107,26 @@ TEST_P(DistributionCycleTest, SwitchOnThenOffRestoresTheSystem)
         serviceRestored.replace(at, s.cycleFrom.size(), s.cycleTo);
     }
     EXPECT_EQ(ReadText(task->pamSshdPath), serviceRestored);
-    if (!s.keyword.empty()) {
-        ASSERT_TRUE(task->SwitchSshdConfig(false));
-        ExpectSshdSwitched(sshd, ReadText(task->sshdConfigPath), s.keyword, false);
-    }
+    ASSERT_TRUE(task->SwitchSshdConfig(false));
+    ExpectSshdSwitched(sshd, ReadText(task->sshdConfigPath), s.keyword, false);
+}
+
+std::string TestName(const ::testing::TestParamInfo<System>& param)
+{
+    std::string name = (param.param.fromCorpus ? "corpus_" : "own_") + param.param.name;
+    std::replace(name.begin(), name.end(), '-', '_');
+    return name;
 }
 
 const std::string CRA = "ChallengeResponseAuthentication";
 const std::string KIA = "KbdInteractiveAuthentication";
 
 INSTANTIATE_TEST_SUITE_P(
-    Own, DistributionCycleTest,
-    ::testing::Values(System{"debian12", false, true, true, true, KIA, true, "", ""},
-                      System{"rocky9", false, true, true, true, KIA, true, "", ""},
-                      System{"sles15", false, true, true, true, CRA, true, "", ""}),
-    [](const ::testing::TestParamInfo<System>& param) { return param.param.name; });
-
-INSTANTIATE_TEST_SUITE_P(
-    Corpus, DistributionCycleTest,
+    Systems, DistributionCycleTest,
     ::testing::Values(
+        System{"debian12", false, true, true, true, KIA, true, "", ""},
+        System{"rocky9", false, true, true, true, KIA, true, "", ""},
+        System{"sles15", false, true, true, true, CRA, true, "", ""},
         System{"alpine", true, true, false, false, "", false, "", ""},  // "auth include base-auth": abnormal
         System{"centos7", true, true, true, true, CRA, true, "", ""},
         System{"debian12", true, true, true, true, KIA, true, "", ""},
@@ -215,12 +152,6 @@ INSTANTIATE_TEST_SUITE_P(
         System{"x-two-includes", true, true, true, true, CRA, false, "@include common-auth\n",
                "#@include common-auth\n@include\tbrackmoor-auth\n"},
         System{"x-usepam-no", true, false, false, false, "", false, "", ""}),
-    [](const ::testing::TestParamInfo<System>& param) {
-        std::string name = param.param.name;
-        for (char& c : name) {
-            c = (c == '-') ? '_' : c;
-        }
-        return name;
-    });
+    TestName);
 
 } // namespace

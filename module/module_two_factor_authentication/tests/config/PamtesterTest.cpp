@@ -1,12 +1,13 @@
 // The generated include file under real Linux-PAM: a service switched to it
 // still checks passwords, and the module line really takes part in the
-// stack. Inside the sandbox: a user is created in its copy of /etc and a
-// stand-in module is installed on its overlays.
+// stack. Inside the sandbox: a user is created in its copy of /etc and
+// stand-in modules are installed on its overlays.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "ConfigTestSupport.h"
 
@@ -26,85 +27,51 @@ int RunShell(const std::string& command)
     return (status != -1 && WIFEXITED(status)) ? WEXITSTATUS(status) : -1;
 }
 
-// pamtester's result for `user` with `secret` typed at the password prompt.
+// pamtester's result for the user with `secret` typed at the password prompt.
 int Authenticate(const std::string& secret)
 {
     return RunShell("printf '%s\\n' '" + secret + "' | pamtester " + service + " " + user + " authenticate >/dev/null 2>&1");
 }
 
-class PamtesterTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        std::string why;
-        if (!InsideSandbox(why)) {
-            GTEST_SKIP() << why;
-        }
-        for (const char* tool : {"pamtester", "useradd", "chpasswd"}) {
-            if (RunShell(std::string("command -v ") + tool + " >/dev/null") != 0) {
-                GTEST_SKIP() << tool << " is not installed";
-            }
-        }
-        if (!Exists("/etc/pam.d/common-auth") || !Exists(securityDir + "pam_unix.so")) {
-            GTEST_SKIP() << "no Debian PAM stack (/etc/pam.d/common-auth, " << securityDir << "pam_unix.so)";
-        }
-        ASSERT_EQ(RunShell("id " + user + " >/dev/null 2>&1 || useradd -M -s /usr/sbin/nologin " + user), 0);
-        ASSERT_EQ(RunShell("echo '" + user + ":" + password + "' | chpasswd"), 0);
-
-        // The machine's own common-auth is the origin; the service is shaped
-        // like Debian's sshd file.
-        task = std::make_unique<Engine::TwoFactorAuthenticationTask>();
-        task->pamSshdPath = "/etc/pam.d/" + service;
-        SetPolicy(*task, 300, 1, 0, {"root"});
-        WriteText(task->pamSshdPath, "@include common-auth\n@include common-account\n");
-    }
-
-    void TearDown() override
-    {
-        if (task != nullptr) {
-            task->DeleteAuthModule();
-        }
-    }
-
-    // Installs `module` from the security directory under the module's name
-    // and switches the service to the include file.
-    void SwitchOnWithStandIn(const std::string& module)
-    {
-        installation = std::make_unique<StandInInstallation>(securityDir + module);
-        ASSERT_TRUE(task->CopyAuthModule());
-        ASSERT_TRUE(task->SwitchAuth(true));
-        ASSERT_NE(ReadText(task->pamIncludePath).find("pam_brackmoor.so refresh_time=300"), std::string::npos);
-    }
-
-    std::unique_ptr<Engine::TwoFactorAuthenticationTask> task;
-    std::unique_ptr<StandInInstallation> installation;
-};
-
-TEST_F(PamtesterTest, UnswitchedServiceChecksPasswords)
+// Installs the system module `module` in place of ours.
+bool InstallInsteadOfOurs(Engine::TwoFactorAuthenticationTask& task, const std::string& module)
 {
-    EXPECT_EQ(Authenticate(password), 0);
-    EXPECT_NE(Authenticate("wrong-password"), 0);
+    StandInInstallation installation(securityDir + module);
+    return task.CopyAuthModule();
 }
 
-TEST_F(PamtesterTest, PasswordStackStillWorksThroughTheIncludeFile)
+TEST(PamtesterTest, IncludeFileKeepsThePasswordCheckAndCallsTheModule)
 {
-    SwitchOnWithStandIn("pam_permit.so");
+    std::string why;
+    if (!InsideSandbox(why)) {
+        GTEST_SKIP() << why;
+    }
+    if (RunShell("for tool in pamtester useradd chpasswd; do command -v $tool >/dev/null || exit 1; done") != 0) {
+        GTEST_SKIP() << "pamtester, useradd or chpasswd is not installed";
+    }
+    if (!std::filesystem::exists("/etc/pam.d/common-auth") || !std::filesystem::exists(securityDir + "pam_unix.so")) {
+        GTEST_SKIP() << "no Debian PAM stack (/etc/pam.d/common-auth, " << securityDir << "pam_unix.so)";
+    }
+    ASSERT_EQ(RunShell("id " + user + " >/dev/null 2>&1 || useradd -M -s /usr/sbin/nologin " + user), 0);
+    ASSERT_EQ(RunShell("echo '" + user + ":" + password + "' | chpasswd"), 0);
+    // The machine's own common-auth is the origin; the service is shaped like Debian's sshd file.
+    Engine::TwoFactorAuthenticationTask task;
+    task.pamSshdPath = "/etc/pam.d/" + service;
+    WriteText(task.pamSshdPath, "@include common-auth\n@include common-account\n");
+
+    ASSERT_TRUE(InstallInsteadOfOurs(task, "pam_permit.so"));
+    ASSERT_TRUE(task.SwitchAuth(true));
+    ASSERT_NE(ReadText(task.pamIncludePath).find("pam_brackmoor.so refresh_time="), std::string::npos);
     EXPECT_EQ(Authenticate(password), 0);
     EXPECT_NE(Authenticate("wrong-password"), 0);
-}
 
-TEST_F(PamtesterTest, RefusingModuleRefusesTheRightPassword)
-{
-    SwitchOnWithStandIn("pam_deny.so");
+    ASSERT_TRUE(InstallInsteadOfOurs(task, "pam_deny.so"));
     EXPECT_NE(Authenticate(password), 0);
-}
 
-TEST_F(PamtesterTest, SwitchingOffRestoresPasswordOnlyLogins)
-{
-    SwitchOnWithStandIn("pam_deny.so");
-    ASSERT_TRUE(task->SwitchAuth(false));
+    ASSERT_TRUE(task.SwitchAuth(false));
     EXPECT_EQ(Authenticate(password), 0);
     EXPECT_NE(Authenticate("wrong-password"), 0);
+    task.DeleteAuthModule();
 }
 
 } // namespace
