@@ -1,6 +1,8 @@
 #include "FakeAgent.h"
 
+#include <cerrno>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -17,7 +19,8 @@ FakeAgent::FakeAgent(AgentScript script) : script_(std::move(script))
     socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (socket_ >= 0 && bind(socket_, reinterpret_cast<sockaddr*>(&address), 28) == 0) {
         thread_ = std::thread([this] { Serve(); });
-    } else if (socket_ >= 0) {
+    } else {
+        ADD_FAILURE() << "cannot bind the agent's name: " << std::strerror(errno);
         close(socket_);
         socket_ = -1;
     }

@@ -26,7 +26,8 @@ struct AgentScript {
 /// bound to the agent's abstract name (26 bytes of sun_path, address
 /// length 28), served by a thread of the test process. That thread alone
 /// takes on `senderUid`, so the kernel reports it as the sender of every
-/// reply, as it would for another user's process.
+/// reply, as it would for another user's process. A name that cannot be
+/// bound fails the test.
 class FakeAgent {
 public:
     explicit FakeAgent(AgentScript script);
@@ -34,8 +35,6 @@ public:
     FakeAgent(const FakeAgent&) = delete;
     FakeAgent& operator=(const FakeAgent&) = delete;
 
-    /// False when the name could not be bound.
-    bool Bound() const { return socket_ >= 0; }
     /// The requests received so far, byte for byte.
     std::vector<std::string> Requests() const;
 

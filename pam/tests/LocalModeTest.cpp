@@ -72,7 +72,8 @@ protected:
 TEST_F(Enrolled, ToolKeepsTheSecretRootOnlyShowsItAgainAndRemovesIt)
 {
     struct stat file {}, directory {};
-    ASSERT_EQ(stat(kFile, &file) | stat(kDirectory, &directory), 0);
+    ASSERT_EQ(stat(kFile, &file), 0);
+    ASSERT_EQ(stat(kDirectory, &directory), 0);
     EXPECT_EQ(file.st_mode & 07777, 0600u);
     EXPECT_EQ(directory.st_mode & 07777, 0700u);
     EXPECT_EQ(secret_.size(), 32u); // 20 random bytes
@@ -120,17 +121,17 @@ TEST_P(LocalLogin, EndsAndIsLoggedAsExpected)
     }
     ScriptedUser user(answers);
 
-    ExpectOutcome(c.outcome, Authenticate(kArguments + std::string(c.echo ? " echo=1" : ""), c.user, user), user,
-                  c.user, secrets);
-    for (const std::string& seen : user.Seen()) {
-        const bool asks = (seen[0] == '?' || seen[0] == '*') && seen != std::string("? ") + kClosingPrompt;
-        EXPECT_TRUE(!asks || seen == (c.echo ? "? " : "* ") + std::string("Authenticator code: ")) << seen;
+    ExpectOutcome(c.outcome, Authenticate(kArguments + std::string(c.echo ? " echo=1" : " echo=0"), c.user, user),
+                  user, c.user, secrets);
+    if (c.outcome.questions > 0) { // the same question every time
+        EXPECT_EQ(user.Seen()[0], (c.echo ? "? " : "* ") + std::string("Authenticator code: "));
     }
 }
 
 constexpr char kAccepted[] = "second factor accepted (authenticator code)";
 constexpr char kUnavailable[] = "The authenticator check is unavailable; login refused.";
-constexpr char kNotRootOnly[] = "directory or file not root-only (owner root, directory 0700, file 0600)";
+constexpr Outcome kUnsafe{PAM_AUTHINFO_UNAVAIL, 0, nullptr, kUnavailable,
+                          "directory or file not root-only (owner root, directory 0700, file 0600)"};
 
 const Case kCases[] = {
     {"CurrentCode", {PAM_SUCCESS, 1, nullptr, nullptr, kAccepted}},
@@ -148,15 +149,11 @@ const Case kCases[] = {
                            "login refused: no authenticator secret for this user in /etc/brackmoor/totp"},
      {"123456"}, nullptr, "bin"},
     // An unsafe or damaged secret file refuses the login before anything is asked.
-    {"FileReadableByOthers", {PAM_AUTHINFO_UNAVAIL, 0, nullptr, kUnavailable, kNotRootOnly}, {"@0"},
-     [] { chmod(kFile, 0644); }},
-    {"FileReadOnly", {PAM_AUTHINFO_UNAVAIL, 0, nullptr, kUnavailable, kNotRootOnly}, {"@0"},
-     [] { chmod(kFile, 0400); }},
-    {"FileNotOwnedByRoot", {PAM_AUTHINFO_UNAVAIL, 0, nullptr, kUnavailable, kNotRootOnly}, {"@0"},
-     [] { (void)!chown(kFile, 65534, 65534); }},
-    {"DirectoryOpenToOthers", {PAM_AUTHINFO_UNAVAIL, 0, nullptr, kUnavailable, kNotRootOnly}, {"@0"},
-     [] { chmod(kDirectory, 0755); }},
-    {"FileIsASymlink", {PAM_AUTHINFO_UNAVAIL, 0, nullptr, kUnavailable, kNotRootOnly}, {"@0"},
+    {"FileReadableByOthers", kUnsafe, {"@0"}, [] { chmod(kFile, 0644); }},
+    {"FileReadOnly", kUnsafe, {"@0"}, [] { chmod(kFile, 0400); }},
+    {"FileNotOwnedByRoot", kUnsafe, {"@0"}, [] { (void)!chown(kFile, 65534, 65534); }},
+    {"DirectoryOpenToOthers", kUnsafe, {"@0"}, [] { chmod(kDirectory, 0755); }},
+    {"FileIsASymlink", kUnsafe, {"@0"},
      [] { fs::rename(kFile, "/etc/brackmoor/elsewhere"); fs::create_symlink("/etc/brackmoor/elsewhere", kFile); }},
     {"FileIsDamaged", {PAM_AUTHINFO_UNAVAIL, 0, nullptr, kUnavailable, "not a valid secret file"}, {"@0"},
      [] { (void)!truncate(kFile, 5); }},

@@ -9,6 +9,7 @@
 #include "TotpStore.h"
 
 #include <gtest/gtest.h>
+#include <tuple>
 
 namespace brackmoor::pam {
 namespace {
@@ -64,20 +65,15 @@ TEST(AgentReply, AcceptsExactlyWhatPercentDWrites)
 
 TEST(CodeCompare, TypedCodesMatchTheIssuedNumberWhateverTheLeadingZeros)
 {
-    struct Case {
-        const char* typed;
-        std::uint32_t issued;
-        bool match;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, std::uint32_t, bool> cases[] = {
         {"042137", 42137, true},   {"42137", 42137, true},   {" 042137\r\n", 42137, true},
         {"000000", 0, true},       {"0", 0, true},           {"999999999", 999999999, true},
         {"042138", 42137, false},  {"4213", 42137, false},   {"421370", 42137, false},
         {"", 0, false},            {"  ", 0, false},         {"0000000000", 0, false},
         {"04 2137", 42137, false}, {"-42137", 42137, false}, {"+42137", 42137, false}, {"١٢٣", 123, false},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(TypedCodeMatches(c.typed, c.issued), c.match) << c.typed << " vs " << c.issued;
+    for (const auto& [typed, issued, match] : cases) {
+        EXPECT_EQ(TypedCodeMatches(typed, issued), match) << typed << " vs " << issued;
     }
 }
 
@@ -85,28 +81,23 @@ TEST(TotpCheck, MatchesThePublishedVectorsWithinOneStepAndOnlyOnce)
 {
     // RFC 6238, appendix B, SHA-1 key "12345678901234567890", last six digits.
     const char* secret = "GEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQ";
-    constexpr std::time_t t = 1111111109;
-    constexpr std::uint64_t step = 37037036;
-    struct Case {
-        std::time_t now;
-        const char* typed;
-        std::uint64_t lastStep;
-        TotpVerdict verdict;
-        std::uint64_t step;
+    constexpr std::time_t t = 1111111109; // a vector's time; its step is s
+    constexpr std::uint64_t s = 37037036;
+    using V = TotpVerdict;
+    // now, typed, last accepted step; verdict, step of the typed code
+    const std::tuple<std::time_t, const char*, std::uint64_t, V, std::uint64_t> cases[] = {
+        {59, "287082", 0, V::Accepted, 1},      {2000000000, "279037", 0, V::Accepted, 66666666},
+        {t, "081804", 0, V::Accepted, s},       {t, " 081804\n", 0, V::Accepted, s},
+        {t + 30, "081804", 0, V::Accepted, s},  {t - 30, "081804", 0, V::Accepted, s},
+        {t + 60, "081804", 0, V::Wrong, 0},     {t - 60, "081804", 0, V::Wrong, 0},
+        {t, "81804", 0, V::Wrong, 0},           {t, "081805", 0, V::Wrong, 0},
+        {t, "081804", s, V::Reused, s},         {t, "081804", s + 1, V::Reused, s},
+        {t, "081804", s - 1, V::Accepted, s},
     };
-    const Case cases[] = {
-        {59, "287082", 0, TotpVerdict::Accepted, 1},         {2000000000, "279037", 0, TotpVerdict::Accepted, 66666666},
-        {t, "081804", 0, TotpVerdict::Accepted, step},       {t, " 081804\n", 0, TotpVerdict::Accepted, step},
-        {t + 30, "081804", 0, TotpVerdict::Accepted, step},  {t - 30, "081804", 0, TotpVerdict::Accepted, step},
-        {t + 60, "081804", 0, TotpVerdict::Wrong, 0},        {t - 60, "081804", 0, TotpVerdict::Wrong, 0},
-        {t, "81804", 0, TotpVerdict::Wrong, 0},              {t, "081805", 0, TotpVerdict::Wrong, 0},
-        {t, "081804", step, TotpVerdict::Reused, step},      {t, "081804", step + 1, TotpVerdict::Reused, step},
-        {t, "081804", step - 1, TotpVerdict::Accepted, step},
-    };
-    for (const Case& c : cases) {
-        const TotpResult r = CheckTotp(secret, c.now, c.typed, c.lastStep);
-        EXPECT_EQ(r.verdict, c.verdict) << c.now << " " << c.typed;
-        EXPECT_EQ(r.step, c.step) << c.now << " " << c.typed;
+    for (const auto& [now, typed, lastStep, verdict, step] : cases) {
+        const TotpResult r = CheckTotp(secret, now, typed, lastStep);
+        EXPECT_EQ(r.verdict, verdict) << now << " " << typed << " " << lastStep;
+        EXPECT_EQ(r.step, step) << now << " " << typed << " " << lastStep;
     }
     EXPECT_EQ(CheckTotp("not base32!", 59, "287082", 0).verdict, TotpVerdict::BadSecret);
 }
