@@ -23,9 +23,6 @@ public:
     /// prompt shown as typed, "*" for a hidden one, "i" for information and
     /// "!" for an error.
     const std::vector<std::string>& Seen() const { return seen_; }
-    bool Saw(const std::string& entry) const;
-    /// Prompts that asked for something: all but the one closing a refusal.
-    int Questions() const;
 
     /// The pam_conv callback; `self` is the ScriptedUser.
     static int Converse(int count, const pam_message** messages, pam_response** responses, void* self);
@@ -45,7 +42,7 @@ int Authenticate(const std::string& arguments, const std::string& user, Scripted
 /// How a login must end.
 struct Outcome {
     int result;
-    int questions;       ///< see ScriptedUser::Questions
+    int questions;       ///< prompts that asked for something: all but the one closing a refusal
     const char* warning; ///< an error shown on the way, or nullptr
     const char* refusal; ///< the error shown with the closing prompt; nullptr: no closing prompt
     const char* logged;  ///< part of the decision's log line, which names the user and the remote host
