@@ -3,8 +3,8 @@
 // liboath.
 
 #include "PamHarness.h"
-#include "SyslogCapture.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
@@ -21,14 +21,14 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kDirectory[] = "/etc/brackmoor/totp";
+constexpr char kFile[] = "/etc/brackmoor/totp/daemon";
 constexpr char kUser[] = "daemon"; // an account every system has
-constexpr char kArguments[] = "refresh_time=301 echo=0 local=1 exclude_user_list=root";
+constexpr char kArguments[] = "refresh_time=301 local=1 exclude_user_list=root";
 
 /// Runs brackmoor-totp; returns its exit status and output.
 int RunTool(const std::string& arguments, std::string* output)
 {
-    const std::string command = std::string(BRACKMOOR_TOTP_TOOL) + " " + arguments + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
+    FILE* pipe = popen((std::string(BRACKMOOR_TOTP_TOOL) + " " + arguments + " 2>&1").c_str(), "r");
     char buffer[512];
     output->clear();
     while (pipe != nullptr && std::fgets(buffer, sizeof buffer, pipe) != nullptr) {
@@ -50,7 +50,8 @@ std::string CodeAt(const std::string& base32, std::time_t when)
     return code;
 }
 
-class LocalMode : public testing::Test {
+/// A fresh enrolment of kUser, as its administrator makes it.
+class Enrolled : public testing::Test {
 protected:
     void SetUp() override
     {
@@ -58,140 +59,108 @@ protected:
         std::string output;
         ASSERT_EQ(RunTool(std::string("enrol ") + kUser, &output), 0) << output;
         const std::size_t uri = output.find("otpauth://totp/Brackmoor:daemon%40");
-        const std::size_t start = output.find("secret=", uri);
         ASSERT_NE(uri, std::string::npos) << output;
-        secret_ = output.substr(start + 7, output.find('&', start) - start - 7);
-        enrolmentUri_ = output.substr(uri, output.find('\n', uri) - uri);
-        SyslogCapture::Instance().Take();
+        const std::size_t start = output.find("secret=", uri) + 7;
+        secret_ = output.substr(start, output.find('&', start) - start);
+        uri_ = output.substr(uri, output.find('\n', uri) - uri);
     }
-
-    int Login(const std::vector<std::string>& answers, ScriptedUser* user = nullptr,
-              const std::string& arguments = kArguments)
-    {
-        ScriptedUser fallback(answers);
-        ScriptedUser& who = user != nullptr ? *user : fallback;
-        return Authenticate(arguments, kUser, who);
-    }
-
-    std::string File() const { return std::string(kDirectory) + "/" + kUser; }
 
     std::string secret_;
-    std::string enrolmentUri_;
+    std::string uri_;
 };
 
-TEST_F(LocalMode, EnrolmentWritesARootOnlyFileAndTheCurrentCodeLogsInOnce)
+TEST_F(Enrolled, ToolKeepsTheSecretRootOnlyShowsItAgainAndRemovesIt)
 {
-    struct stat info {};
-    ASSERT_EQ(stat(File().c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0600u);
-    ASSERT_EQ(stat(kDirectory, &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0700u);
+    struct stat file {}, directory {};
+    ASSERT_EQ(stat(kFile, &file), 0);
+    ASSERT_EQ(stat(kDirectory, &directory), 0);
+    EXPECT_EQ(file.st_mode & 07777, 0600u);
+    EXPECT_EQ(directory.st_mode & 07777, 0700u);
     EXPECT_EQ(secret_.size(), 32u); // 20 random bytes
 
-    const std::string code = CodeAt(secret_, std::time(nullptr));
-    ScriptedUser first({code});
-    EXPECT_EQ(Login({}, &first), PAM_SUCCESS);
-    ASSERT_EQ(first.Prompts().size(), 1u);
-    EXPECT_EQ(first.Prompts()[0].text, "Authenticator code: ");
-    EXPECT_EQ(first.Prompts()[0].style, PAM_PROMPT_ECHO_OFF);
+    std::string output;
+    EXPECT_EQ(RunTool(std::string("show ") + kUser, &output), 0);
+    EXPECT_EQ(output, uri_ + "\n");
+    EXPECT_EQ(RunTool(std::string("remove ") + kUser, &output), 0) << output;
+    EXPECT_FALSE(fs::exists(kFile));
+    EXPECT_EQ(RunTool(std::string("show ") + kUser, &output), 1);
+    EXPECT_EQ(RunTool("enrol no-such-user-here --dir /tmp/unused-totp", &output), 1);
+    EXPECT_FALSE(fs::exists("/tmp/unused-totp"));
+}
 
-    ScriptedUser replay({code, code, code});
-    EXPECT_EQ(Login({}, &replay), PAM_MAXTRIES);
-    EXPECT_TRUE(replay.Saw("has been used already"));
+/// One login; answers "@<seconds>" stand for the code at that offset from now.
+struct Case {
+    const char* name;
+    Outcome outcome;
+    std::vector<std::string> answers = {"@0"};
+    void (*tamper)() = nullptr;         ///< done to the enrolment before the login
+    const char* user = kUser;
+    bool echo = false;
+    const char* earlierLogin = nullptr; ///< an answer that logs in first
+};
+void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 
-    for (const std::string& line : SyslogCapture::Instance().Take()) {
-        EXPECT_EQ(line.find(code), std::string::npos) << line;
-        EXPECT_EQ(line.find(secret_), std::string::npos) << line;
+class LocalLogin : public Enrolled, public testing::WithParamInterface<Case> {};
+
+TEST_P(LocalLogin, EndsAndIsLoggedAsExpected)
+{
+    const Case& c = GetParam();
+    const std::time_t now = std::time(nullptr);
+    std::vector<std::string> secrets{secret_};
+    const auto answer = [&](const std::string& a) {
+        return a[0] == '@' ? secrets.emplace_back(CodeAt(secret_, now + std::stoi(a.substr(1)))) : a;
+    };
+    if (c.earlierLogin != nullptr) {
+        ScriptedUser earlier({answer(c.earlierLogin)});
+        ASSERT_EQ(Authenticate(kArguments, kUser, earlier), PAM_SUCCESS);
+    }
+    std::vector<std::string> answers;
+    std::transform(c.answers.begin(), c.answers.end(), std::back_inserter(answers), answer);
+    if (c.tamper != nullptr) {
+        c.tamper();
+    }
+    ScriptedUser user(answers);
+
+    ExpectOutcome(c.outcome, Authenticate(kArguments + std::string(c.echo ? " echo=1" : " echo=0"), c.user, user),
+                  user, c.user, secrets);
+    if (c.outcome.questions > 0) { // the same question every time
+        EXPECT_EQ(user.Seen()[0], (c.echo ? "? " : "* ") + std::string("Authenticator code: "));
     }
 }
 
-TEST_F(LocalMode, ACodeOlderThanTheLastAcceptedOneIsRefused)
-{
-    const std::time_t now = std::time(nullptr);
-    EXPECT_EQ(Login({CodeAt(secret_, now + 30)}), PAM_SUCCESS);
-    ScriptedUser older({CodeAt(secret_, now), CodeAt(secret_, now - 30), CodeAt(secret_, now)});
-    EXPECT_EQ(Login({}, &older), PAM_MAXTRIES);
-    EXPECT_TRUE(older.Saw("has been used already"));
-}
+constexpr char kAccepted[] = "second factor accepted (authenticator code)";
+constexpr char kUnavailable[] = "The authenticator check is unavailable; login refused.";
+constexpr Outcome kUnsafe{PAM_AUTHINFO_UNAVAIL, 0, nullptr, kUnavailable,
+                          "directory or file not root-only (owner root, directory 0700, file 0600)"};
 
-TEST_F(LocalMode, CodesOutsideTheWindowAreWrongUntilTheRightOne)
-{
-    const std::time_t now = std::time(nullptr);
-    ScriptedUser user({CodeAt(secret_, now - 120), CodeAt(secret_, now + 120), CodeAt(secret_, now)});
-    EXPECT_EQ(Login({}, &user, "local=1 echo=1"), PAM_SUCCESS);
-    EXPECT_TRUE(user.Saw("Wrong authenticator code."));
-    EXPECT_EQ(user.Prompts().at(0).style, PAM_PROMPT_ECHO_ON);
-
-    ScriptedUser wrong({"12345", "abcdef", CodeAt(secret_, now - 120)});
-    EXPECT_EQ(Login({}, &wrong), PAM_MAXTRIES);
-}
-
-TEST_F(LocalMode, EmptyAnswersAndFailedConversationsNeverPass)
-{
-    EXPECT_EQ(Login({""}), PAM_AUTH_ERR);
-    EXPECT_EQ(Login({"   "}), PAM_AUTH_ERR);
-    EXPECT_EQ(Login({}), PAM_CONV_ERR);
-    ScriptedUser dropped({CodeAt(secret_, std::time(nullptr))}, 0);
-    EXPECT_EQ(Login({}, &dropped), PAM_CONV_ERR);
-}
-
-TEST_F(LocalMode, UserWithoutSecretIsRefusedUnlessExcluded)
-{
-    ScriptedUser other({"123456"});
-    EXPECT_EQ(Authenticate(kArguments, "bin", other), PAM_AUTH_ERR);
-    EXPECT_TRUE(other.Questions().empty());
-    EXPECT_TRUE(other.Saw("No authenticator is set up"));
-
-    ScriptedUser root({});
-    EXPECT_EQ(Authenticate(kArguments, "root", root), PAM_SUCCESS);
-}
-
-struct Tampering {
-    const char* name;
-    void (*apply)(const std::string& file);
+const Case kCases[] = {
+    {"CurrentCode", {PAM_SUCCESS, 1, nullptr, nullptr, kAccepted}},
+    // The earlier login used the code of the next step: that code and all before it are spent.
+    {"UsedAndOlderCodes", {PAM_MAXTRIES, 3, "This authenticator code has been used already; wait for the next one.",
+                           kTooManyTries, "login refused: 3 wrong authenticator codes"},
+     {"@30", "@0", "@-30"}, nullptr, kUser, false, "@30"},
+    {"CodesOutsideTheWindowShownAsTyped", {PAM_SUCCESS, 3, "Wrong authenticator code.", nullptr, kAccepted},
+     {"@-120", "@120", "@0"}, nullptr, kUser, true},
+    {"BlankAnswer", {PAM_AUTH_ERR, 1, nullptr, nullptr, "login refused: empty answer to the authenticator code prompt"},
+     {" \t"}},
+    {"ConversationFails", {PAM_CONV_ERR, 1, nullptr, nullptr, "conversation failed at the authenticator code prompt"},
+     {}},
+    {"UserWithoutSecret", {PAM_AUTH_ERR, 0, nullptr, "No authenticator is set up for this account; login refused.",
+                           "login refused: no authenticator secret for this user in /etc/brackmoor/totp"},
+     {"123456"}, nullptr, "bin"},
+    // An unsafe or damaged secret file refuses the login before anything is asked.
+    {"FileReadableByOthers", kUnsafe, {"@0"}, [] { chmod(kFile, 0644); }},
+    {"FileReadOnly", kUnsafe, {"@0"}, [] { chmod(kFile, 0400); }},
+    {"FileNotOwnedByRoot", kUnsafe, {"@0"}, [] { (void)!chown(kFile, 65534, 65534); }},
+    {"DirectoryOpenToOthers", kUnsafe, {"@0"}, [] { chmod(kDirectory, 0755); }},
+    {"FileIsASymlink", kUnsafe, {"@0"},
+     [] { fs::rename(kFile, "/etc/brackmoor/elsewhere"); fs::create_symlink("/etc/brackmoor/elsewhere", kFile); }},
+    {"FileIsDamaged", {PAM_AUTHINFO_UNAVAIL, 0, nullptr, kUnavailable, "not a valid secret file"}, {"@0"},
+     [] { (void)!truncate(kFile, 5); }},
 };
 
-const Tampering kTamperings[] = {
-    {"FileReadableByOthers", [](const std::string& file) { chmod(file.c_str(), 0644); }},
-    {"FileReadOnly", [](const std::string& file) { chmod(file.c_str(), 0400); }},
-    {"FileNotOwnedByRoot", [](const std::string& file) { (void)!chown(file.c_str(), 65534, 65534); }},
-    {"DirectoryOpenToOthers", [](const std::string&) { chmod(kDirectory, 0755); }},
-    {"FileIsASymlink",
-     [](const std::string& file) {
-         fs::rename(file, "/etc/brackmoor/elsewhere");
-         fs::create_symlink("/etc/brackmoor/elsewhere", file);
-     }},
-    {"FileIsDamaged", [](const std::string& file) { (void)!truncate(file.c_str(), 5); }},
-};
-
-class LocalModeStore : public LocalMode, public testing::WithParamInterface<Tampering> {};
-
-TEST_P(LocalModeStore, UnsafeOrDamagedSecretIsRefusedBeforeAnyPrompt)
-{
-    GetParam().apply(File());
-    ScriptedUser user({CodeAt(secret_, std::time(nullptr))});
-    EXPECT_EQ(Login({}, &user), PAM_AUTHINFO_UNAVAIL);
-    EXPECT_TRUE(user.Questions().empty());
-    EXPECT_TRUE(user.Saw("authenticator check is unavailable"));
-}
-
-INSTANTIATE_TEST_SUITE_P(Cases, LocalModeStore, testing::ValuesIn(kTamperings),
-                         [](const testing::TestParamInfo<Tampering>& param) { return param.param.name; });
-
-TEST_F(LocalMode, ToolShowsTheSameUriAndRemovesTheSecret)
-{
-    std::string output;
-    ASSERT_EQ(RunTool(std::string("show ") + kUser, &output), 0);
-    EXPECT_EQ(output, enrolmentUri_ + "\n");
-
-    ASSERT_EQ(RunTool(std::string("remove ") + kUser, &output), 0) << output;
-    EXPECT_EQ(Login({CodeAt(secret_, std::time(nullptr))}), PAM_AUTH_ERR);
-    EXPECT_EQ(RunTool(std::string("show ") + kUser, &output), 1);
-
-    EXPECT_EQ(RunTool("enrol no-such-user-here --dir /tmp/unused-totp", &output), 1);
-    EXPECT_FALSE(fs::exists("/tmp/unused-totp"));
-    EXPECT_EQ(RunTool("enrol", &output), 2);
-}
+INSTANTIATE_TEST_SUITE_P(Cases, LocalLogin, testing::ValuesIn(kCases),
+                         [](const testing::TestParamInfo<Case>& param) { return param.param.name; });
 
 } // namespace
 } // namespace brackmoor::pam::test

@@ -6,50 +6,57 @@
 
 namespace brackmoor::pam::test {
 
-/// One message the module sent through the conversation.
-struct Message {
-    int style; ///< PAM_PROMPT_ECHO_ON/OFF, PAM_TEXT_INFO or PAM_ERROR_MSG
-    std::string text;
-};
+/// The prompt that carries a refusal to the user.
+constexpr char kClosingPrompt[] = "Press Enter to close this login attempt: ";
+constexpr char kTooManyTries[] = "Too many failed attempts; login refused.";
+/// Remote host set on every transaction, as sshd sets the client's address.
+constexpr char kRemoteHost[] = "203.0.113.7";
 
 /// The user at the other end of a PAM conversation, answering prompts from a
-/// script in order. Running out of answers, or reaching `failAtPrompt`
-/// (0-based), makes the conversation fail as a dropped connection would.
+/// script in order. Running out of answers makes the conversation fail as a
+/// dropped connection would.
 class ScriptedUser {
 public:
-    explicit ScriptedUser(std::vector<std::string> answers, int failAtPrompt = -1)
-        : answers_(std::move(answers)), failAtPrompt_(failAtPrompt)
-    {
-    }
+    explicit ScriptedUser(std::vector<std::string> answers) : answers_(std::move(answers)) {}
 
-    const std::vector<Message>& Seen() const { return seen_; }
-    /// The prompts (not the messages), in order.
-    std::vector<Message> Prompts() const;
-    /// The prompts that asked for something: all but the one closing a refusal.
-    std::vector<Message> Questions() const;
-    /// True when any prompt or message contained `fragment`.
-    bool Saw(const std::string& fragment) const;
+    /// Every message in order as "<kind> <text>", the kind being "?" for a
+    /// prompt shown as typed, "*" for a hidden one, "i" for information and
+    /// "!" for an error.
+    const std::vector<std::string>& Seen() const { return seen_; }
 
     /// The pam_conv callback; `self` is the ScriptedUser.
     static int Converse(int count, const pam_message** messages, pam_response** responses, void* self);
 
 private:
     std::vector<std::string> answers_;
-    int failAtPrompt_;
     std::size_t nextAnswer_ = 0;
-    int prompts_ = 0;
-    std::vector<Message> seen_;
+    std::vector<std::string> seen_;
 };
-
-/// The prompt that carries a refusal to the user.
-constexpr char kClosingPrompt[] = "Press Enter to close this login attempt: ";
-
-/// Remote host set on every transaction, as sshd sets the client's address.
-constexpr char kRemoteHost[] = "203.0.113.7";
 
 /// Runs pam_authenticate for `user` in a service whose only auth line is
 /// "auth required <built module> <arguments>", from a private configuration
-/// directory; returns the result.
+/// directory, and returns the result. The log is emptied first, so that what
+/// TakeSyslog() returns afterwards is this login's.
 int Authenticate(const std::string& arguments, const std::string& user, ScriptedUser& script);
+
+/// How a login must end.
+struct Outcome {
+    int result;
+    int questions;       ///< prompts that asked for something: all but the one closing a refusal
+    const char* warning; ///< an error shown on the way, or nullptr
+    const char* refusal; ///< the error shown with the closing prompt; nullptr: no closing prompt
+    const char* logged;  ///< part of the decision's log line, which names the user and the remote host
+};
+
+/// Checks the result, what `user` saw and the log of `name`'s login, which
+/// must hold none of `secrets`; returns the log lines.
+std::vector<std::string> ExpectOutcome(const Outcome& expected, int result, const ScriptedUser& user,
+                                       const std::string& name, const std::vector<std::string>& secrets);
+
+/// Catches the system log, which needs the sandbox's private namespaces;
+/// false when it cannot. Must come before the process's first syslog().
+bool CaptureSyslog();
+/// The system log's lines since the last call.
+std::vector<std::string> TakeSyslog();
 
 } // namespace brackmoor::pam::test

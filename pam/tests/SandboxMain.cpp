@@ -1,8 +1,8 @@
-// Entry point of the PAM test binaries that need the sandbox: they bind the
-// agent's abstract name, write /etc/brackmoor and mount over /dev, which is
-// only acceptable in private namespaces. Outside them, skip (77).
+// Entry point of the PAM test binaries: they bind the agent's abstract name,
+// write /etc/brackmoor and mount over /dev, which is only acceptable in the
+// sandbox's private namespaces. Outside them, skip (77).
 
-#include "SyslogCapture.h"
+#include "PamHarness.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -16,9 +16,10 @@ int main(int argc, char** argv)
         std::fputs("run through tests/sandbox/sandbox-run; skipping\n", stderr);
         return 77;
     }
-    // Set the capture up before the first syslog() of the process.
-    if (!brackmoor::pam::test::SyslogCapture::Instance().Available()) {
-        std::fputs("note: cannot capture the system log here; log checks are skipped\n", stderr);
+    // Before the process's first syslog(), which connects to /dev/log for good.
+    if (!brackmoor::pam::test::CaptureSyslog()) {
+        std::perror("cannot catch the system log at /dev/log");
+        return 1;
     }
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
