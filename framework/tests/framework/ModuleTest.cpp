@@ -66,7 +66,7 @@ TEST_F(ModuleTest, PolicyGoesToItsCallbackAndStartsTheTasksItNames)
     EXPECT_FALSE(module.IsTaskRunning("beta"));
 }
 
-TEST_F(ModuleTest, NewPolicyRestartsNamedTasksStopsTheOthersAndARejectedOneChangesNothing)
+TEST_F(ModuleTest, NewPolicyRestartsNamedTasksStopsTheOthersAndUnInitStopsAll)
 {
     Framework::Policy* first = nullptr;
     ASSERT_EQ(Refresh("alpha,beta", first), 0);
@@ -92,6 +92,12 @@ TEST_F(ModuleTest, NewPolicyRestartsNamedTasksStopsTheOthersAndARejectedOneChang
     EXPECT_EQ(alpha->inits, 2);
     EXPECT_EQ(alpha->uninits, 1);
     EXPECT_TRUE(alpha->running);
+
+    module.UnInit();
+    EXPECT_FALSE(alpha->running);
+    EXPECT_EQ(alpha->uninits, 2);
+    EXPECT_EQ(maker.destroyed, 3) << "the replaced, the rejected and the last policy";
+    EXPECT_EQ(Refresh("alpha", current), -1) << "callbacks are gone";
 }
 
 TEST_F(ModuleTest, UnRegisterTaskStopsItAndPairsEveryInitWithUnInit)
@@ -114,20 +120,6 @@ TEST_F(ModuleTest, UnRegisterTaskStopsItAndPairsEveryInitWithUnInit)
     EXPECT_EQ(module.UnRegisterTask("alpha"), 0);
     EXPECT_EQ(module.UnRegisterTask("nobody"), 0);
     failing->release();
-}
-
-TEST_F(ModuleTest, UnInitStopsEverythingAndReleasesPolicies)
-{
-    Framework::Policy* current = nullptr;
-    ASSERT_EQ(Refresh("alpha,beta", current), 0);
-    ASSERT_TRUE(BecomesRunning(alpha) && BecomesRunning(beta));
-    module.UnInit();
-    EXPECT_FALSE(alpha->running);
-    EXPECT_FALSE(beta->running);
-    EXPECT_EQ(alpha->uninits, 1);
-    EXPECT_EQ(beta->uninits, 1);
-    EXPECT_EQ(maker.destroyed, 1);
-    EXPECT_EQ(Refresh("alpha", current), -1) << "callbacks are gone";
 }
 
 } // namespace

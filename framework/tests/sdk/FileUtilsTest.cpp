@@ -100,16 +100,4 @@ TEST_F(FileUtilsTest, CopyFileReplacesASymlinkInsteadOfWritingThroughIt)
     EXPECT_EQ("payload", ReadWholeFile(to));
 }
 
-TEST_F(FileUtilsTest, ReadFileReadsWithinTheBoundOnly)
-{
-    std::string content = "previous";
-    EXPECT_EQ(0, FileUtils::ReadFile(dir.Write("f", "line1\nline2"), content, 11));
-    EXPECT_EQ("line1\nline2", content);
-    content = "previous";
-    EXPECT_NE(0, FileUtils::ReadFile(dir.File("f"), content, 10));
-    EXPECT_NE(0, FileUtils::ReadFile(dir.File("absent"), content, 10));
-    EXPECT_NE(0, FileUtils::ReadFile(dir.Path(), content, 10));
-    EXPECT_EQ("previous", content);
-}
-
 } // namespace

@@ -75,8 +75,6 @@ protected:
         SDK::LoggerUtils::GetInstance()->GetModuleLogger("sdk", false)->setChannel(capture);
     }
 
-    void TearDown() override { EXPECT_TRUE(server.Failures().empty()) << server.Failures().front(); }
-
     TestSupport::TempDir dir;
     TestCertificates certs{dir.Path()};
     HttpsTestServer server{certs.ServerCertFile(), certs.ServerKeyFile()};

@@ -76,14 +76,6 @@ TEST_F(LoggerUtilsTest, ReconfiguringSwitchesLoggersHandedOutEarlier)
 
     EXPECT_NE(0, utils->Configure(second.File("logs"), "loud", false));
     EXPECT_TRUE(logger->is(Poco::Message::PRIO_DEBUG)) << "a refused configuration changes nothing";
-
-    // In the foreground a copy goes to standard error.
-    ASSERT_EQ(0, utils->Configure(first.File("logs"), "information", true));
-    ::testing::internal::CaptureStderr();
-    Log(logger, Poco::Message::PRIO_NOTICE, "seen in the foreground", "Module.cpp", 7);
-    const std::string console = ::testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(Contains(console, "switched_module: seen in the foreground (Module.cpp:7)")) << console;
-    EXPECT_TRUE(Contains(ReadWholeFile(first.File("logs/agent.log")), "seen in the foreground"));
 }
 
 } // namespace

@@ -46,10 +46,11 @@ IpcClient::~IpcClient()
     }
 }
 
-int IpcClient::SendTo(const std::string& datagram, const struct sockaddr_un& to, socklen_t toLength)
+int IpcClient::Send(const std::string& datagram, socklen_t addressLength)
 {
+    const struct sockaddr_un to = ServerAddress();
     const ssize_t sent =
-        sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const struct sockaddr*>(&to), toLength);
+        sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const struct sockaddr*>(&to), addressLength);
     if (sent < 0) {
         return errno;
     }

@@ -15,6 +15,12 @@ namespace TfaTest {
 struct sockaddr_un ServerAddress();
 constexpr socklen_t kServerAddressLength = 28;
 
+/// A reply as it travels: the decimal text and its NUL.
+inline std::string Reply(const std::string& digits)
+{
+    return digits + std::string(1, '\0');
+}
+
 /// A client of the task's datagram server, as the PAM module is one: a socket
 /// bound to an abstract address of its own, so that the server has somewhere
 /// to send the reply.
@@ -31,10 +37,9 @@ public:
     /// The client's own abstract name (without the leading NUL).
     const std::string& Name() const { return name; }
 
-    /// Sends `datagram` byte for byte (NULs included) to the server; 0 or errno.
-    int Send(const std::string& datagram) { return SendTo(datagram, ServerAddress(), kServerAddressLength); }
-    /// Sends to a given address instead, for tests of the name itself; 0 or errno.
-    int SendTo(const std::string& datagram, const struct sockaddr_un& to, socklen_t toLength);
+    /// Sends `datagram` byte for byte (NULs included) to the server; 0 or
+    /// errno. A shorter `addressLength` names another server, for tests of the name.
+    int Send(const std::string& datagram, socklen_t addressLength = kServerAddressLength);
     /// The next reply, all its bytes; nothing when none came within `timeoutMs`.
     std::optional<std::string> Receive(int timeoutMs);
     /// One request and its reply.

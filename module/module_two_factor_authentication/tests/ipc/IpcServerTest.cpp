@@ -22,14 +22,9 @@
 #include "TwoFactorAuthenticationTask.h"
 
 using Poco::Message;
+using TfaTest::Reply;
 
 namespace {
-
-// Bytes on the wire: the decimal text and its NUL.
-std::string Reply(const std::string& digits)
-{
-    return digits + std::string(1, '\0');
-}
 
 const std::string kNul(1, '\0');
 const std::string kContact = "13800000000";
@@ -78,7 +73,7 @@ TEST_F(IpcServerTest, BindsTheExactAbstractNameOnACloseOnExecSocket)
     ASSERT_EQ(length, TfaTest::kServerAddressLength);
     EXPECT_EQ(std::memcmp(&bound, &expected, TfaTest::kServerAddressLength), 0);
     // Without the trailing NUL it is another name, and nobody is bound there.
-    EXPECT_EQ(client.SendTo("1:x", expected, TfaTest::kServerAddressLength - 1), ECONNREFUSED);
+    EXPECT_EQ(client.Send("1:x", TfaTest::kServerAddressLength - 1), ECONNREFUSED);
 
     // Commands the agent starts as root must not inherit it; a stuck peer costs ten seconds at most.
     EXPECT_EQ(fcntl(task.socketFd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
@@ -173,19 +168,13 @@ TEST_F(IpcServerTest, RepliesCarryAnyIntegerInDecimal)
     }
 }
 
-TEST_F(IpcServerTest, CloseSocketClosesOnceAndNeverDescriptorZero)
+TEST_F(IpcServerTest, CloseSocketNeverClosesDescriptorZero)
 {
-    const int fd = task.socketFd;
-    task.CloseSocket();
-    EXPECT_EQ(task.socketFd, -1);
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-    task.CloseSocket();
-    EXPECT_EQ(task.socketFd, -1);
-
+    const int open = task.socketFd;
     task.socketFd = 0;
     task.CloseSocket();
     EXPECT_NE(fcntl(0, F_GETFD), -1);
-    task.socketFd = -1;
+    task.socketFd = open;
 }
 
 } // namespace

@@ -26,6 +26,7 @@
 #include "TwoFactorAuthenticationTask.h"
 
 using Poco::Message;
+using TfaTest::Reply;
 using TestSupport::ReadWholeFile;
 
 namespace {
@@ -61,11 +62,6 @@ bool Exists(const std::string& path)
 {
     struct stat info;
     return stat(path.c_str(), &info) == 0;
-}
-
-std::string Reply(const std::string& digits)
-{
-    return digits + std::string(1, '\0');
 }
 
 /// The framework with the module's policy parsing and a task that the test
