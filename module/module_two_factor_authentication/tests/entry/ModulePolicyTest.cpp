@@ -63,7 +63,8 @@ TEST(PolicyTest, RejectedDocumentIsLoggedWhole)
         {"", parse + ") failed."},
         {R"({"refresh_time":5})", parse + R"({"refresh_time":5}) content failed.)"},
         {R"({"content":[1]})", parse + R"({"content":[1]}) content failed.)"},
-        {R"({"content":{"refresh_time":600}})", list + R"({"content":{"refresh_time":600}}) exclude user list failed.)"},
+        {R"({"content":{"refresh_time":600}})",
+         list + R"({"content":{"refresh_time":600}}) exclude user list failed.)"},
         {R"({"content":{"exclude_user_list":"root"}})",
          list + R"({"content":{"exclude_user_list":"root"}}) exclude user list failed.)"},
     };

@@ -23,7 +23,7 @@ struct sockaddr_un ServerAddress()
 IpcClient::IpcClient()
 {
     static std::atomic<unsigned> counter{0};
-    name = "brackmoor-test-client-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+    const std::string name = "brackmoor-test-client-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
     struct sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path + 1, name.data(), name.size());

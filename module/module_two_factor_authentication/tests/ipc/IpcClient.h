@@ -34,8 +34,6 @@ public:
     /// False when the socket could not be made or bound; Error() says why.
     bool Ok() const { return fd >= 0; }
     const std::string& Error() const { return error; }
-    /// The client's own abstract name (without the leading NUL).
-    const std::string& Name() const { return name; }
 
     /// Sends `datagram` byte for byte (NULs included) to the server; 0 or
     /// errno. A shorter `addressLength` names another server, for tests of the name.
@@ -50,7 +48,6 @@ public:
 
 private:
     int fd = -1;
-    std::string name;
     std::string error;
 };
 

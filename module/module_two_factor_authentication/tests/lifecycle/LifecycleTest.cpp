@@ -69,8 +69,9 @@ bool Exists(const std::string& path)
 struct Harness {
     Harness()
     {
-        module.RegisterPolicyCallback("10001", new Framework::PolicyCallback<Engine::TwoFactorAuthenticationModule>(
-                                                   &parser, &Engine::TwoFactorAuthenticationModule::RefreshFeaturePolicy));
+        using Parser = Engine::TwoFactorAuthenticationModule;
+        module.RegisterPolicyCallback(
+            "10001", new Framework::PolicyCallback<Parser>(&parser, &Parser::RefreshFeaturePolicy));
         module.RegisterTask(task, false);
         module.Init();
     }

@@ -68,9 +68,9 @@ TEST_F(ServiceClientTest, CallsCarryAgentIdTheTokenOfTheMomentAndTheirBodies)
     EXPECT_EQ(requests[0].method + " " + requests[0].path + " " + requests[0].body, "GET /tfa_phone_num ");
     EXPECT_EQ(requests[1].method + " " + requests[1].path + " " + requests[1].body,
               "POST /tfa_code {\"random_num\":4711}");
-    for (const auto& request : requests) {
-        EXPECT_EQ(request.query, (std::map<std::string, std::string>{{"agent_id", TfaTest::FakeVerificationService::kAgentId}}));
-    }
+    const std::map<std::string, std::string> agentQuery = {{"agent_id", TfaTest::FakeVerificationService::kAgentId}};
+    EXPECT_EQ(requests[0].query, agentQuery);
+    EXPECT_EQ(requests[1].query, agentQuery);
     EXPECT_EQ(Header(requests[0], "X-Auth-Token"), "token-1");
     EXPECT_EQ(Header(requests[1], "X-Auth-Token"), "token-2");
     EXPECT_EQ(Header(requests[1], "Content-Type"), "application/json; charset=utf-8");
@@ -90,7 +90,8 @@ TEST_F(ServiceClientTest, ListIsFetchedAgainOnlyWhenOlderThanRefreshTime)
         int refreshTime;
         time_t age;  // negative: a stamp in the future, which ages too
         bool refreshes;
-    } cases[] = {{300, 300, false}, {300, 301, true}, {300, -300, false}, {300, -301, true}, {0, 0, false}, {-1, 0, true}};
+    } cases[] = {{300, 300, false}, {300, 301, true}, {300, -300, false},
+                 {300, -301, true}, {0, 0, false},     {-1, 0, true}};
     for (const auto& c : cases) {
         task.refreshTime = c.refreshTime;
         // The age is exact only while the second does not change under the check.
