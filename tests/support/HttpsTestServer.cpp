@@ -2,7 +2,6 @@
 
 #include <condition_variable>
 #include <deque>
-#include <exception>
 #include <mutex>
 
 #include <Poco/Net/Context.h>
@@ -25,57 +24,27 @@ struct HttpsTestServer::State {
     mutable std::mutex lock;
     std::condition_variable released;
     std::map<std::string, std::deque<ScriptedAnswer>> queued;
-    ScriptedAnswer fallback;
     bool stall = false;
     bool stopping = false;
     std::vector<RecordedRequest> requests;
-    std::vector<std::string> failures;
 
     /// Records `request` and picks its answer; false when the request is to
     /// stay unanswered (stall mode until the server stops).
     bool Take(RecordedRequest request, ScriptedAnswer& answer)
     {
         std::unique_lock<std::mutex> guard(lock);
-        const std::string path = request.path;
+        std::deque<ScriptedAnswer>& forPath = queued[request.path];
         requests.push_back(std::move(request));
         released.wait(guard, [this] { return !stall || stopping; });
-        if (stopping) {
-            return false;
+        if (!forPath.empty()) {
+            answer = forPath.front();
+            forPath.pop_front();
         }
-        auto found = queued.find(path);
-        if (found != queued.end() && !found->second.empty()) {
-            answer = found->second.front();
-            found->second.pop_front();
-        } else {
-            answer = fallback;
-        }
-        return true;
-    }
-
-    void Fail(const std::string& what)
-    {
-        std::lock_guard<std::mutex> guard(lock);
-        failures.push_back(what);
+        return !stopping;
     }
 };
 
 namespace {
-
-RecordedRequest Record(Poco::Net::HTTPServerRequest& request)
-{
-    RecordedRequest recorded;
-    recorded.method = request.getMethod();
-    const Poco::URI uri(request.getURI());
-    recorded.path = uri.getPath();
-    for (const auto& param : uri.getQueryParameters()) {
-        recorded.query[param.first] = param.second;
-    }
-    for (const auto& header : request) {
-        recorded.headers[header.first] = header.second;
-    }
-    Poco::StreamCopier::copyToString(request.stream(), recorded.body);
-    return recorded;
-}
 
 class Handler : public Poco::Net::HTTPRequestHandler {
 public:
@@ -83,20 +52,29 @@ public:
 
     void handleRequest(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response) override
     {
-        try {
-            ScriptedAnswer answer;
-            if (!state->Take(Record(request), answer)) {
-                return;
-            }
-            response.setStatus(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(answer.status));
-            for (const auto& header : answer.headers) {
-                response.set(header.first, header.second);
-            }
-            response.setContentLength(static_cast<std::streamsize>(answer.body.size()));
-            response.send() << answer.body;
-        } catch (const std::exception& e) {
-            state->Fail(std::string("handler: ") + e.what());
+        RecordedRequest recorded;
+        recorded.method = request.getMethod();
+        const Poco::URI uri(request.getURI());
+        recorded.path = uri.getPath();
+        for (const auto& param : uri.getQueryParameters()) {
+            recorded.query[param.first] = param.second;
         }
+        for (const auto& header : request) {
+            recorded.headers[header.first] = header.second;
+        }
+        Poco::StreamCopier::copyToString(request.stream(), recorded.body);
+        ScriptedAnswer answer;
+        if (!state->Take(std::move(recorded), answer)) {
+            return;
+        }
+        response.setStatus(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(answer.status));
+        for (const auto& header : answer.headers) {
+            response.set(header.first, header.second);
+        }
+        response.setContentLength(static_cast<std::streamsize>(answer.body.size()));
+        // A client that gave up while the request stalled makes this throw,
+        // which the server catches; nobody is left to tell.
+        response.send() << answer.body;
     }
 
 private:
@@ -118,7 +96,7 @@ private:
 
 } // namespace
 
-/// The serving machinery, present between Start and Stop.
+/// The serving machinery, present after a successful Start.
 struct HttpsTestServer::Runtime {
     Poco::ThreadPool threads{2, 16};
     std::unique_ptr<Poco::Net::HTTPServer> server;
@@ -132,15 +110,20 @@ HttpsTestServer::HttpsTestServer(const std::string& cert, const std::string& key
 
 HttpsTestServer::~HttpsTestServer()
 {
-    Stop();
+    if (!runtime) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> guard(state->lock);
+        state->stopping = true;
+    }
+    state->released.notify_all();
+    runtime->server->stopAll(true);
+    runtime->threads.joinAll();
 }
 
 bool HttpsTestServer::Start(std::string& error)
 {
-    if (runtime) {
-        error = "HttpsTestServer: already started";
-        return false;
-    }
     try {
         static std::once_flag sslReady;
         std::call_once(sslReady, [] { Poco::Net::initializeSSL(); });
@@ -149,16 +132,12 @@ bool HttpsTestServer::Start(std::string& error)
         Poco::Net::SecureServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0), 64, context);
         Poco::AutoPtr<Poco::Net::HTTPServerParams> params(new Poco::Net::HTTPServerParams);
         params->setKeepAlive(false);
-        // Bounds how long Stop() waits for a client that connected and went quiet.
+        // Bounds how long the destructor waits for a client that connected and went quiet.
         params->setTimeout(Poco::Timespan(5, 0));
         auto started = std::make_unique<Runtime>();
         started->port = socket.address().port();
         started->server = std::make_unique<Poco::Net::HTTPServer>(new Factory(state), started->threads, socket,
                                                                  params);
-        {
-            std::lock_guard<std::mutex> guard(state->lock);
-            state->stopping = false;
-        }
         started->server->start();
         runtime = std::move(started);
         return true;
@@ -170,41 +149,15 @@ bool HttpsTestServer::Start(std::string& error)
     return false;
 }
 
-void HttpsTestServer::Stop()
-{
-    if (!runtime) {
-        return;
-    }
-    {
-        std::lock_guard<std::mutex> guard(state->lock);
-        state->stopping = true;
-    }
-    state->released.notify_all();
-    runtime->server->stopAll(true);
-    runtime->threads.joinAll();
-    runtime.reset();
-}
-
 unsigned short HttpsTestServer::Port() const
 {
     return runtime ? runtime->port : 0;
-}
-
-std::string HttpsTestServer::Address() const
-{
-    return "localhost:" + std::to_string(Port());
 }
 
 void HttpsTestServer::Queue(const std::string& path, const ScriptedAnswer& answer)
 {
     std::lock_guard<std::mutex> guard(state->lock);
     state->queued[path].push_back(answer);
-}
-
-void HttpsTestServer::SetDefault(const ScriptedAnswer& answer)
-{
-    std::lock_guard<std::mutex> guard(state->lock);
-    state->fallback = answer;
 }
 
 void HttpsTestServer::SetStall(bool stall)
@@ -220,18 +173,6 @@ std::vector<RecordedRequest> HttpsTestServer::Requests() const
 {
     std::lock_guard<std::mutex> guard(state->lock);
     return state->requests;
-}
-
-size_t HttpsTestServer::RequestCount() const
-{
-    std::lock_guard<std::mutex> guard(state->lock);
-    return state->requests.size();
-}
-
-std::vector<std::string> HttpsTestServer::Failures() const
-{
-    std::lock_guard<std::mutex> guard(state->lock);
-    return state->failures;
 }
 
 } // namespace TestSupport

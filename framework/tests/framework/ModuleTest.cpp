@@ -1,39 +1,29 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <thread>
 
 #include "Framework/Module.h"
 #include "RecordingTask.h"
+#include "TestSupport/WaitFor.h"
 
 using namespace FrameworkTest;
 
 namespace {
 
-bool WaitUntil(const std::atomic<bool>& flag, bool wanted)
+bool BecomesRunning(const RecordingTask* task)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (flag.load() != wanted) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return TestSupport::WaitFor([task] { return task->running.load(); }, std::chrono::seconds(5));
 }
 
 class ModuleTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        module.RegisterPolicyCallback("7", new Framework::PolicyCallback<PolicyMaker>(
-                                               &maker, &PolicyMaker::Make));
-        alpha = new RecordingTask("alpha");
-        beta = new RecordingTask("beta");
-        alpha->duplicate();  // keep the tasks inspectable after the module releases them
-        beta->duplicate();
-        module.RegisterTask(alpha, false);
-        module.RegisterTask(beta, false);
+        module.RegisterPolicyCallback("7", new Framework::PolicyCallback<PolicyMaker>(&maker, &PolicyMaker::Make));
+        for (RecordingTask* task : {alpha, beta}) {
+            task->duplicate();  // keep the tasks inspectable after the module releases them
+            module.RegisterTask(task, false);
+        }
         ASSERT_EQ(module.Init(), 0);
     }
 
@@ -44,29 +34,31 @@ protected:
         beta->release();
     }
 
+    int Refresh(const std::string& content, Framework::Policy*& current)
+    {
+        return module.RefreshPolicy("7", "feature", content, current);
+    }
+
     Framework::Module module{"test_module"};
     PolicyMaker maker;
-    RecordingTask* alpha = nullptr;
-    RecordingTask* beta = nullptr;
+    RecordingTask* alpha = new RecordingTask("alpha");
+    RecordingTask* beta = new RecordingTask("beta");
 };
 
-TEST_F(ModuleTest, UnknownCallbackIsRefusedWithoutTouchingTasks)
+TEST_F(ModuleTest, PolicyGoesToItsCallbackAndStartsTheTasksItNames)
 {
+    module.RegisterPolicyCallback("8", nullptr);
     Framework::Policy* current = nullptr;
-    EXPECT_EQ(module.RefreshPolicy("8", "feature", "alpha", current), -1);
+    EXPECT_EQ(module.RefreshPolicy("8", "feature", "alpha", current), -1) << "a null callback is never invoked";
+    EXPECT_EQ(module.RefreshPolicy("9", "feature", "alpha", current), -1) << "unknown callback";
     EXPECT_EQ(current, nullptr);
     EXPECT_EQ(maker.calls, 0);
-    EXPECT_EQ(alpha->inits, 0);
-}
 
-TEST_F(ModuleTest, AcceptedPolicyStartsTheTasksItNames)
-{
-    Framework::Policy* current = nullptr;
-    ASSERT_EQ(module.RefreshPolicy("7", "feature", "alpha", current), 0);
+    ASSERT_EQ(Refresh("alpha", current), 0);
     ASSERT_NE(current, nullptr);
     EXPECT_EQ(current->name, "feature");
     EXPECT_FALSE(current->expired);
-    EXPECT_TRUE(WaitUntil(alpha->running, true));
+    EXPECT_TRUE(BecomesRunning(alpha));
     EXPECT_EQ(alpha->inits, 1);
     EXPECT_EQ(alpha->seenPolicy, current);
     EXPECT_EQ(beta->inits, 0);
@@ -74,114 +66,60 @@ TEST_F(ModuleTest, AcceptedPolicyStartsTheTasksItNames)
     EXPECT_FALSE(module.IsTaskRunning("beta"));
 }
 
-TEST_F(ModuleTest, NewPolicyReplacesOldAndRestartsRunningTask)
+TEST_F(ModuleTest, NewPolicyRestartsNamedTasksStopsTheOthersAndUnInitStopsAll)
 {
     Framework::Policy* first = nullptr;
-    ASSERT_EQ(module.RefreshPolicy("7", "feature", "alpha", first), 0);
-    ASSERT_TRUE(WaitUntil(alpha->running, true));
+    ASSERT_EQ(Refresh("alpha,beta", first), 0);
+    ASSERT_TRUE(BecomesRunning(alpha) && BecomesRunning(beta));
 
     Framework::Policy* second = nullptr;
-    ASSERT_EQ(module.RefreshPolicy("7", "feature", "alpha,beta", second), 0);
+    ASSERT_EQ(Refresh("alpha", second), 0);
     EXPECT_NE(second, first);
     EXPECT_EQ(maker.destroyed, 1) << "the replaced policy is released";
     EXPECT_EQ(alpha->uninits, 1);
     EXPECT_EQ(alpha->inits, 2);
     EXPECT_EQ(alpha->seenPolicy, second);
-    EXPECT_TRUE(WaitUntil(alpha->running, true));
-    EXPECT_TRUE(WaitUntil(beta->running, true));
+    EXPECT_TRUE(BecomesRunning(alpha));
     EXPECT_EQ(alpha->AppliedPolicySequence(), 2u);
-}
-
-TEST_F(ModuleTest, RejectedDocumentKeepsPolicyAndTasks)
-{
-    Framework::Policy* first = nullptr;
-    ASSERT_EQ(module.RefreshPolicy("7", "feature", "alpha", first), 0);
-    ASSERT_TRUE(WaitUntil(alpha->running, true));
-
-    Framework::Policy* current = nullptr;
-    EXPECT_EQ(module.RefreshPolicy("7", "feature", "reject", current), -2);
-    EXPECT_EQ(current, first);
-    EXPECT_FALSE(first->expired) << "the policy in force stays in force";
-    EXPECT_EQ(alpha->inits, 1);
-    EXPECT_EQ(alpha->uninits, 0);
-    EXPECT_TRUE(alpha->running);
-}
-
-TEST_F(ModuleTest, TaskNoLongerNamedIsStopped)
-{
-    Framework::Policy* current = nullptr;
-    ASSERT_EQ(module.RefreshPolicy("7", "feature", "alpha,beta", current), 0);
-    ASSERT_TRUE(WaitUntil(beta->running, true));
-    ASSERT_EQ(module.RefreshPolicy("7", "feature", "alpha", current), 0);
     EXPECT_FALSE(beta->running);
     EXPECT_EQ(beta->uninits, 1);
     EXPECT_EQ(beta->inits, 1);
+
+    Framework::Policy* current = nullptr;
+    EXPECT_EQ(Refresh("reject", current), -2);
+    EXPECT_EQ(current, second);
+    EXPECT_FALSE(second->expired) << "the policy in force stays in force";
+    EXPECT_EQ(alpha->inits, 2);
+    EXPECT_EQ(alpha->uninits, 1);
+    EXPECT_TRUE(alpha->running);
+
+    module.UnInit();
+    EXPECT_FALSE(alpha->running);
+    EXPECT_EQ(alpha->uninits, 2);
+    EXPECT_EQ(maker.destroyed, 3) << "the replaced, the rejected and the last policy";
+    EXPECT_EQ(Refresh("alpha", current), -1) << "callbacks are gone";
 }
 
-TEST_F(ModuleTest, FailedInitRunsNothingButIsPairedWithUnInit)
+TEST_F(ModuleTest, UnRegisterTaskStopsItAndPairsEveryInitWithUnInit)
 {
     auto* failing = new RecordingTask("gamma", -1);
     failing->duplicate();
     module.RegisterTask(failing, false);
     Framework::Policy* current = nullptr;
-    ASSERT_EQ(module.RefreshPolicy("7", "feature", "gamma", current), 0);
+    ASSERT_EQ(Refresh("alpha,gamma", current), 0);
+    ASSERT_TRUE(BecomesRunning(alpha));
     EXPECT_EQ(failing->inits, 1);
-    EXPECT_EQ(failing->runs, 0);
+    EXPECT_EQ(failing->runs, 0) << "a failed Init runs nothing";
     EXPECT_FALSE(module.IsTaskRunning("gamma"));
-    EXPECT_EQ(module.UnRegisterTask("gamma"), 1);
-    EXPECT_EQ(failing->uninits, 1);
-    failing->release();
-}
 
-TEST_F(ModuleTest, UnRegisterTaskStopsItAndReportsRemoval)
-{
-    Framework::Policy* current = nullptr;
-    ASSERT_EQ(module.RefreshPolicy("7", "feature", "alpha", current), 0);
-    ASSERT_TRUE(WaitUntil(alpha->running, true));
     EXPECT_EQ(module.UnRegisterTask("alpha"), 1);
     EXPECT_FALSE(alpha->running);
     EXPECT_EQ(alpha->uninits, 1);
+    EXPECT_EQ(module.UnRegisterTask("gamma"), 1);
+    EXPECT_EQ(failing->uninits, 1);
     EXPECT_EQ(module.UnRegisterTask("alpha"), 0);
     EXPECT_EQ(module.UnRegisterTask("nobody"), 0);
-}
-
-TEST_F(ModuleTest, UnInitStopsEverythingAndReleasesPolicies)
-{
-    Framework::Policy* current = nullptr;
-    ASSERT_EQ(module.RefreshPolicy("7", "feature", "alpha,beta", current), 0);
-    ASSERT_TRUE(WaitUntil(beta->running, true));
-    module.UnInit();
-    EXPECT_FALSE(alpha->running);
-    EXPECT_FALSE(beta->running);
-    EXPECT_EQ(alpha->uninits, 1);
-    EXPECT_EQ(beta->uninits, 1);
-    EXPECT_EQ(maker.destroyed, 1);
-    EXPECT_EQ(module.RefreshPolicy("7", "feature", "alpha", current), -1) << "callbacks are gone";
-}
-
-TEST(ModuleAutoStart, AutoStartTaskRunsWithoutPolicy)
-{
-    Framework::Module module("auto");
-    auto* task = new RecordingTask("resident");
-    task->duplicate();
-    module.RegisterTask(task, true);
-    EXPECT_EQ(task->inits, 0) << "not before the module is initialised";
-    ASSERT_EQ(module.Init(), 0);
-    EXPECT_TRUE(WaitUntil(task->running, true));
-    EXPECT_EQ(task->seenPolicy, nullptr);
-    module.UnInit();
-    EXPECT_EQ(task->uninits, 1);
-    task->release();
-}
-
-TEST(ModuleCallbacks, NullCallbackIsHeldButNeverInvoked)
-{
-    Framework::Module module("nulls");
-    module.RegisterPolicyCallback("10001", nullptr);
-    Framework::Policy* current = nullptr;
-    EXPECT_EQ(module.RefreshPolicy("10001", "feature", "x", current), -1);
-    module.UnRegisterPolicyCallback("10001");
-    module.UnInit();
+    failing->release();
 }
 
 } // namespace

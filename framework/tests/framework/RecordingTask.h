@@ -1,9 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <sstream>
 #include <string>
 
-#include "Framework/CompositePolicy.h"
 #include "Framework/FeaturePolicy.h"
 #include "Framework/PolicyCallback.h"
 #include "Framework/Task.h"
@@ -45,35 +45,24 @@ public:
 };
 
 /// A feature policy whose document is a comma-separated list of task names;
-/// "reject" is refused. Reports its destruction through `destroyed`.
+/// "reject" is refused. Counts its destructions in `destroyed`.
 class ListPolicy : public Framework::FeaturePolicy {
 public:
-    ListPolicy(const std::string& featureName, int* destroyedCounter) : FeaturePolicy(featureName), destroyed(destroyedCounter) {}
-    ~ListPolicy() override
+    ListPolicy(const std::string& featureName, int* destroyedCounter)
+        : FeaturePolicy(featureName), destroyed(destroyedCounter)
     {
-        if (destroyed != nullptr) {
-            ++*destroyed;
-        }
     }
+    ~ListPolicy() override { ++*destroyed; }
 
     bool Parse(const std::string& content) override
     {
-        if (content == "reject") {
-            return false;
-        }
-        std::string::size_type start = 0;
-        while (start <= content.size()) {
-            const std::string::size_type comma = content.find(',', start);
-            const std::string item = content.substr(start, comma - start);
+        std::istringstream items(content);
+        for (std::string item; content != "reject" && std::getline(items, item, ',');) {
             if (!item.empty()) {
                 Add(new Framework::TaskPolicy(item));
             }
-            if (comma == std::string::npos) {
-                break;
-            }
-            start = comma + 1;
         }
-        return true;
+        return content != "reject";
     }
 
     int* destroyed;

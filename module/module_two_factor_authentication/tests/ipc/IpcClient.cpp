@@ -5,20 +5,14 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 namespace TfaTest {
 
-namespace {
-
-std::atomic<unsigned> clientCounter{0};
-
-} // namespace
-
 struct sockaddr_un ServerAddress()
 {
-    struct sockaddr_un address;
-    std::memset(&address, 0, sizeof(address));
+    struct sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     static const char name[] = "\0PAM_BRACKMOOR_IPC_SERVER";  // and the literal's NUL
     static_assert(sizeof(name) == 26, "leading NUL, 24 characters, trailing NUL");
@@ -28,20 +22,18 @@ struct sockaddr_un ServerAddress()
 
 IpcClient::IpcClient()
 {
-    const int socketFd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (socketFd < 0) {
-        error = std::string("socket: ") + std::strerror(errno);
-        return;
-    }
-    name = "brackmoor-test-client-" + std::to_string(getpid()) + "-" + std::to_string(clientCounter++);
-    struct sockaddr_un address;
-    std::memset(&address, 0, sizeof(address));
+    static std::atomic<unsigned> counter{0};
+    const std::string name = "brackmoor-test-client-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+    struct sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path + 1, name.data(), name.size());
-    const socklen_t length = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + 1 + name.size());
-    if (bind(socketFd, reinterpret_cast<const struct sockaddr*>(&address), length) != 0) {
-        error = std::string("bind: ") + std::strerror(errno);
-        close(socketFd);
+    const auto length = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + 1 + name.size());
+    const int socketFd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (socketFd < 0 || bind(socketFd, reinterpret_cast<const struct sockaddr*>(&address), length) != 0) {
+        error = std::string("socket/bind: ") + std::strerror(errno);
+        if (socketFd >= 0) {
+            close(socketFd);
+        }
         return;
     }
     fd = socketFd;
@@ -54,16 +46,11 @@ IpcClient::~IpcClient()
     }
 }
 
-int IpcClient::Send(const std::string& datagram)
+int IpcClient::Send(const std::string& datagram, socklen_t addressLength)
 {
-    const struct sockaddr_un server = ServerAddress();
-    return SendTo(datagram, server, kServerAddressLength);
-}
-
-int IpcClient::SendTo(const std::string& datagram, const struct sockaddr_un& to, socklen_t toLength)
-{
-    const ssize_t sent = sendto(fd, datagram.data(), datagram.size(), 0,
-                                reinterpret_cast<const struct sockaddr*>(&to), toLength);
+    const struct sockaddr_un to = ServerAddress();
+    const ssize_t sent =
+        sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const struct sockaddr*>(&to), addressLength);
     if (sent < 0) {
         return errno;
     }
@@ -73,23 +60,12 @@ int IpcClient::SendTo(const std::string& datagram, const struct sockaddr_un& to,
 std::optional<std::string> IpcClient::Receive(int timeoutMs)
 {
     struct pollfd ready = {fd, POLLIN, 0};
-    if (poll(&ready, 1, timeoutMs) != 1) {
-        return std::nullopt;
-    }
     char buffer[512];
-    const ssize_t received = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+    const ssize_t received = poll(&ready, 1, timeoutMs) == 1 ? recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT) : -1;
     if (received < 0) {
         return std::nullopt;
     }
     return std::string(buffer, static_cast<size_t>(received));
-}
-
-std::optional<std::string> IpcClient::Ask(const std::string& datagram, int timeoutMs)
-{
-    if (Send(datagram) != 0) {
-        return std::nullopt;
-    }
-    return Receive(timeoutMs);
 }
 
 } // namespace TfaTest

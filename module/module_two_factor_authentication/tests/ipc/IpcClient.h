@@ -15,9 +15,15 @@ namespace TfaTest {
 struct sockaddr_un ServerAddress();
 constexpr socklen_t kServerAddressLength = 28;
 
+/// A reply as it travels: the decimal text and its NUL.
+inline std::string Reply(const std::string& digits)
+{
+    return digits + std::string(1, '\0');
+}
+
 /// A client of the task's datagram server, as the PAM module is one: a socket
-/// of its own, bound to an abstract address of its own so that the server has
-/// somewhere to send the reply.
+/// bound to an abstract address of its own, so that the server has somewhere
+/// to send the reply.
 class IpcClient {
 public:
     IpcClient();
@@ -29,21 +35,19 @@ public:
     bool Ok() const { return fd >= 0; }
     const std::string& Error() const { return error; }
 
-    /// Sends `datagram` byte for byte (NULs included) to the server; 0 or errno.
-    int Send(const std::string& datagram);
-    /// Sends to a given address instead, for tests of the name itself; 0 or errno.
-    int SendTo(const std::string& datagram, const struct sockaddr_un& to, socklen_t toLength);
+    /// Sends `datagram` byte for byte (NULs included) to the server; 0 or
+    /// errno. A shorter `addressLength` names another server, for tests of the name.
+    int Send(const std::string& datagram, socklen_t addressLength = kServerAddressLength);
     /// The next reply, all its bytes; nothing when none came within `timeoutMs`.
     std::optional<std::string> Receive(int timeoutMs);
     /// One request and its reply.
-    std::optional<std::string> Ask(const std::string& datagram, int timeoutMs = 5000);
-
-    /// The client's own abstract name (without the leading NUL).
-    const std::string& Name() const { return name; }
+    std::optional<std::string> Ask(const std::string& datagram, int timeoutMs = 5000)
+    {
+        return Send(datagram) == 0 ? Receive(timeoutMs) : std::nullopt;
+    }
 
 private:
     int fd = -1;
-    std::string name;
     std::string error;
 };
 

@@ -4,51 +4,74 @@
 // copy of /etc with Debian-style files.
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <memory>
+#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "FakeVerificationService.h"
+#include "Framework/ConfigManager.h"
 #include "Framework/Module.h"
 #include "Framework/PolicyCallback.h"
 #include "IpcClient.h"
 #include "LogCapture.h"
-#include "SystemFiles.h"
 #include "TestSupport/TempDir.h"
 #include "TestSupport/WaitFor.h"
 #include "TwoFactorAuthenticationModule.h"
 #include "TwoFactorAuthenticationTask.h"
 
 using Poco::Message;
-using TfaTest::FileExists;
-using TfaTest::SystemFiles;
+using TfaTest::Reply;
 using TestSupport::ReadWholeFile;
 
 namespace {
 
 const std::string kFeature = "two_factor_authentication_feature";
 const std::string kTaskName = "two_factor_authentication_task";
-const std::string kCallbackId = "10001";
 const std::string kContact = "13800000000";
 
-std::string Reply(const std::string& digits)
+const char* const kSshdConfig = "/etc/ssh/sshd_config";
+const char* const kPamSshd = "/etc/pam.d/sshd";
+const char* const kInclude = "/etc/pam.d/brackmoor-auth";
+const char* const kModuleCopy = "/lib/x86_64-linux-gnu/security/pam_brackmoor.so";
+
+// The files the task switches, cut down to what it reads and must give back intact.
+const std::string kSshdHead = "Include /etc/ssh/sshd_config.d/*.conf\n\n#PasswordAuthentication yes\n";
+const std::string kSshdTail = "UsePAM yes\nSubsystem\tsftp\t/usr/lib/openssh/sftp-server\n";
+const std::string kPamSshdText =
+    "# PAM configuration for the Secure Shell service\n\n@include common-auth\n"
+    "account    required     pam_nologin.so\n@include common-account\n"
+    "session [success=ok ignore=ignore module_unknown=ignore default=bad]        pam_selinux.so close\n"
+    "@include common-session\n@include common-password\n";
+const std::string kCommonAuthText =
+    "auth\t[success=1 default=ignore]\tpam_unix.so nullok\nauth\trequisite\t\t\tpam_deny.so\n"
+    "auth\trequired\t\t\tpam_permit.so\n";
+
+bool Write(const std::string& path, const std::string& content, mode_t mode = 0644)
 {
-    return digits + std::string(1, '\0');
+    std::ofstream(path, std::ios::trunc | std::ios::binary) << content;
+    return chmod(path.c_str(), mode) == 0;
+}
+
+bool Exists(const std::string& path)
+{
+    struct stat info;
+    return stat(path.c_str(), &info) == 0;
 }
 
 /// The framework with the module's policy parsing and a task that the test
-/// can watch (the framework owns it until the module lets it go).
+/// can watch (the framework owns it).
 struct Harness {
     Harness()
     {
-        module.RegisterPolicyCallback(kCallbackId,
-                                      new Framework::PolicyCallback<Engine::TwoFactorAuthenticationModule>(
-                                          &parser, &Engine::TwoFactorAuthenticationModule::RefreshFeaturePolicy));
-        task = new Engine::TwoFactorAuthenticationTask;
+        using Parser = Engine::TwoFactorAuthenticationModule;
+        module.RegisterPolicyCallback(
+            "10001", new Framework::PolicyCallback<Parser>(&parser, &Parser::RefreshFeaturePolicy));
         module.RegisterTask(task, false);
         module.Init();
     }
@@ -57,139 +80,144 @@ struct Harness {
     int Push(int local)
     {
         Framework::Policy* current = nullptr;
-        return module.RefreshPolicy(kCallbackId, kFeature, TfaTest::PolicyDocument(local), current);
+        return module.RefreshPolicy("10001", kFeature,
+                                    "{\"content\":{\"refresh_time\":300,\"echo\":1,\"local\":" + std::to_string(local) +
+                                        ",\"exclude_user_list\":[\"root\",\"backup\"]}}",
+                                    current);
     }
 
     Engine::TwoFactorAuthenticationModule parser;  // only its policy parsing is used
     Framework::Module module{"two_factor_authentication_module"};
-    Engine::TwoFactorAuthenticationTask* task = nullptr;
+    Engine::TwoFactorAuthenticationTask* task = new Engine::TwoFactorAuthenticationTask;
 };
 
 class LifecycleTest : public testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(files.Error(), "");
         ASSERT_TRUE(service.Ok()) << service.Error();
+        mkdir("/etc/ssh", 0755);
+        mkdir("/lib/x86_64-linux-gnu/security", 0755);
+        unlink(kInclude);
+        unlink(kModuleCopy);
+        ASSERT_TRUE(Write(kSshdConfig, kSshdHead + "KbdInteractiveAuthentication no\n" + kSshdTail) &&
+                    Write(kPamSshd, kPamSshdText) && Write("/etc/pam.d/common-auth", kCommonAuthText));
+        // An installation with the PAM module and a restart script that only counts its runs.
+        mkdir(installation.File("module").c_str(), 0755);
+        mkdir(installation.File("sudobin").c_str(), 0755);
+        ASSERT_TRUE(Write(installation.File("module/pam_brackmoor.so"), "stand-in\n") &&
+                    Write(installation.File("sudobin/sshrestart.sh"),
+                          "#!/bin/sh\necho restart >> '" + installation.File("restarts") + "'\n", 0755));
+        Framework::ConfigManager::GetInstance()->Set("agent.installation_path", installation.Path() + "/");
     }
 
+    // The task leaves its socket open on purpose; free the name for the next test.
     void TearDown() override
     {
-        // The task leaves its socket open on purpose; free the name for the next test.
         if (serverSocket > 0) {
             close(serverSocket);
         }
     }
 
-    void ExpectSwitchedOn(int local)
+    long Restarts() const
     {
-        EXPECT_NE(ReadWholeFile(SystemFiles::kSshdConfig).find("\nKbdInteractiveAuthentication yes\n"),
-                  std::string::npos);
-        EXPECT_NE(ReadWholeFile(SystemFiles::kPamSshd).find("\n#@include common-auth\n@include\tbrackmoor-auth\n"),
-                  std::string::npos);
-        const std::string include = ReadWholeFile(SystemFiles::kInclude);
-        EXPECT_NE(include.find("pam_brackmoor.so refresh_time=300 echo=1 local=" + std::to_string(local) +
-                               " exclude_user_list=root;backup\n"),
-                  std::string::npos)
-            << include;
-        EXPECT_TRUE(FileExists(SystemFiles::kModuleCopy));
+        const std::string runs = ReadWholeFile(installation.File("restarts"));
+        return std::count(runs.begin(), runs.end(), '\n');
     }
 
+    void ExpectSwitchedOn(int local)
+    {
+        // The first switch adds the keyword's counterpart right below it.
+        EXPECT_EQ(ReadWholeFile(kSshdConfig),
+                  kSshdHead + "#KbdInteractiveAuthentication no\nKbdInteractiveAuthentication yes\n" + kSshdTail);
+        EXPECT_NE(ReadWholeFile(kPamSshd).find("\n#@include common-auth\n@include\tbrackmoor-auth\n"),
+                  std::string::npos);
+        EXPECT_NE(ReadWholeFile(kInclude).find("pam_brackmoor.so refresh_time=300 echo=1 local=" +
+                                               std::to_string(local) + " exclude_user_list=root;backup\n"),
+                  std::string::npos);
+        EXPECT_TRUE(Exists(kModuleCopy));
+    }
+
+    /// Switching off leaves the keyword at "no" with its commented counterpart below it.
     void ExpectRestored()
     {
-        EXPECT_EQ(ReadWholeFile(SystemFiles::kSshdConfig), SystemFiles::SshdConfigAfterCycle());
-        EXPECT_EQ(ReadWholeFile(SystemFiles::kPamSshd), SystemFiles::PamSshdOriginal());
-        EXPECT_FALSE(FileExists(SystemFiles::kInclude));
-        EXPECT_FALSE(FileExists(SystemFiles::kModuleCopy));
+        EXPECT_EQ(ReadWholeFile(kSshdConfig),
+                  kSshdHead + "KbdInteractiveAuthentication no\n#KbdInteractiveAuthentication yes\n" + kSshdTail);
+        EXPECT_EQ(ReadWholeFile(kPamSshd), kPamSshdText);
+        EXPECT_FALSE(Exists(kInclude));
+        EXPECT_FALSE(Exists(kModuleCopy));
     }
 
     TfaTest::LogCapture log;
-    SystemFiles files;
     TfaTest::FakeVerificationService service;
+    TestSupport::TempDir installation;
     int serverSocket = -1;
 };
 
-TEST_F(LifecycleTest, PlugInWithLocalOneSwitchesOnWithoutSocketAndUnInitRestores)
+TEST_F(LifecycleTest, LocalOneSwitchesOnWithoutServerAndRunEndsSoonAfterCancellation)
 {
-    std::unique_ptr<Framework::Module> module(CreateModule());
-    ASSERT_EQ(module->Init(), 0);
-    Framework::Policy* current = nullptr;
-    ASSERT_EQ(module->RefreshPolicy(kCallbackId, kFeature, TfaTest::PolicyDocument(1), current), 0);
-
-    EXPECT_TRUE(module->IsTaskRunning(kTaskName));
+    Harness h;
+    ASSERT_EQ(h.Push(1), 0);
+    ASSERT_TRUE(h.module.IsTaskRunning(kTaskName)) << log.Dump();
     ExpectSwitchedOn(1);
-    EXPECT_EQ(files.Restarts(), 1);
+    EXPECT_EQ(Restarts(), 1);
     TfaTest::IpcClient client;
     ASSERT_TRUE(client.Ok()) << client.Error();
     EXPECT_EQ(client.Send("1:" + kContact), ECONNREFUSED);  // nobody serves the name
 
-    module->UnInit();
+    const auto start = std::chrono::steady_clock::now();
+    h.task->cancel();
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return h.task->state() == Poco::Task::TASK_FINISHED; },
+                                     std::chrono::seconds(5), std::chrono::milliseconds(1)));
+    // The loop looks at the state at least every 100 ms; the rest is slack for a loaded machine.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1000));
+
+    h.module.UnInit();
     ExpectRestored();
-    EXPECT_EQ(files.Restarts(), 2);
+    EXPECT_EQ(Restarts(), 2);
     EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION, "Task(" + kTaskName + ") run."));
     EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION, "Task(" + kTaskName + ") uninit.")) << log.Dump();
 }
 
-TEST_F(LifecycleTest, LocalZeroServesThePamModuleFromRun)
+TEST_F(LifecycleTest, LocalZeroServesFromRunAndARestartReusesTheSocket)
 {
     Harness h;
     ASSERT_EQ(h.Push(0), 0);
     serverSocket = h.task->socketFd;
-
     ASSERT_TRUE(h.module.IsTaskRunning(kTaskName)) << log.Dump();
-    EXPECT_GT(h.task->socketFd, 0);
-    EXPECT_TRUE(h.task->ipcRegistered);
     ExpectSwitchedOn(0);
     EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION, "Two factor authentication policy refresh time(300), echo(1), "
                                                    "local(0), exclude user list size(2)"));
-
-    service.QueueCommList({TfaTest::Sha256Hex(kContact)});
     TfaTest::IpcClient client;
     ASSERT_TRUE(client.Ok()) << client.Error();
+    service.Queue(TfaTest::kCommListPath, 200, TfaTest::CommListJson({TfaTest::Sha256Hex(kContact)}));
     EXPECT_EQ(client.Ask("1:" + kContact).value_or("<none>"), Reply("1"));
     EXPECT_EQ(client.Ask("1:13900000000").value_or("<none>"), Reply("2"));
     EXPECT_EQ(client.Ask("9:x").value_or("<none>"), Reply("3"));
 
-    h.module.UnInit();
-    ExpectRestored();
-    EXPECT_EQ(files.Restarts(), 2);
-}
-
-TEST_F(LifecycleTest, RestartReusesTheSocketAndForgetsTheList)
-{
-    Harness h;
-    ASSERT_EQ(h.Push(0), 0);
-    serverSocket = h.task->socketFd;
-    const Framework::Event* event = h.task->ipcEvent;
-    service.QueueCommList({TfaTest::Sha256Hex(kContact)});
-    TfaTest::IpcClient client;
-    ASSERT_TRUE(client.Ok()) << client.Error();
-    ASSERT_EQ(client.Ask("1:" + kContact).value_or("<none>"), Reply("1"));
-
     // A new policy: cancel, UnInit, Init, Run. A second socket could not even
     // bind, since the first one keeps the name.
+    const Framework::Event* event = h.task->ipcEvent;
     ASSERT_EQ(h.Push(0), 0);
     ASSERT_TRUE(h.module.IsTaskRunning(kTaskName)) << log.Dump();
     EXPECT_EQ(h.task->socketFd, serverSocket);
     EXPECT_EQ(h.task->ipcEvent, event);
     EXPECT_EQ(log.Count("Create IPC success."), 1u);
-    EXPECT_EQ(h.task->commListUpdateTime, 0);
     EXPECT_TRUE(h.task->commList.empty());
     ExpectSwitchedOn(0);
-    EXPECT_EQ(files.Restarts(), 3);
-
-    // Still served through the event waiter; the list is fetched again.
-    service.QueueCommList({TfaTest::Sha256Hex(kContact)});
+    EXPECT_EQ(Restarts(), 3);
+    // Still served through the event waiter; the forgotten list is fetched again.
+    service.Queue(TfaTest::kCommListPath, 200, TfaTest::CommListJson({TfaTest::Sha256Hex(kContact)}));
     EXPECT_EQ(client.Ask("1:" + kContact).value_or("<none>"), Reply("1"));
     EXPECT_EQ(service.Server().RequestCount(), 2u);
 
     h.module.UnInit();
     ExpectRestored();
+    EXPECT_EQ(Restarts(), 4);
 }
 
 TEST_F(LifecycleTest, TakenNameRollsEverythingBack)
 {
-    // Someone else holds the name already.
     const int holder = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(holder, 0);
     const struct sockaddr_un name = TfaTest::ServerAddress();
@@ -206,45 +234,12 @@ TEST_F(LifecycleTest, TakenNameRollsEverythingBack)
     EXPECT_TRUE(log.Has(Message::PRIO_ERROR, "Create ipc failed, two-factor authentication cannot be used."))
         << log.Dump();
     ExpectRestored();
-    EXPECT_EQ(files.Restarts(), 2);
+    EXPECT_EQ(Restarts(), 2);
 
     h.module.UnInit();  // UnInit after the failed Init touches nothing more
     ExpectRestored();
-    EXPECT_EQ(files.Restarts(), 2);
+    EXPECT_EQ(Restarts(), 2);
     close(holder);
-}
-
-TEST_F(LifecycleTest, RunEndsSoonAfterCancellation)
-{
-    Harness h;
-    ASSERT_EQ(h.Push(1), 0);
-    ASSERT_TRUE(h.module.IsTaskRunning(kTaskName));
-
-    const auto start = std::chrono::steady_clock::now();
-    h.task->cancel();
-    const bool ended = TestSupport::WaitFor(
-        [&] { return h.task->state() == Poco::Task::TASK_FINISHED; }, std::chrono::seconds(5),
-        std::chrono::milliseconds(1));
-    const auto elapsed = std::chrono::steady_clock::now() - start;
-
-    ASSERT_TRUE(ended);
-    // The loop looks at the state at least every 100 ms; the rest is slack
-    // for a loaded machine.
-    EXPECT_LT(elapsed, std::chrono::milliseconds(1000));
-    h.module.UnInit();
-    ExpectRestored();
-}
-
-TEST_F(LifecycleTest, WithoutInitRunAndUnInitTouchNothing)
-{
-    Engine::TwoFactorAuthenticationTask task;
-    EXPECT_EQ(task.Run(), -1);
-    task.UnInit();
-
-    EXPECT_EQ(ReadWholeFile(SystemFiles::kSshdConfig), SystemFiles::SshdConfigOriginal());
-    EXPECT_EQ(ReadWholeFile(SystemFiles::kPamSshd), SystemFiles::PamSshdOriginal());
-    EXPECT_EQ(files.Restarts(), 0);
-    EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION, "Task(" + kTaskName + ") uninit."));
 }
 
 } // namespace

@@ -1,61 +1,32 @@
 #include "LogCapture.h"
 
-#include <Poco/Logger.h>
-
-#include "TwoFactorAuthenticationLog.h"
+#include "SDK/LoggerUtils.h"
 
 namespace TfaTest {
 
-namespace {
-
-const char* const kTaskSource = "TwoFactorAuthenticationTask.cpp";
-
-bool IsTaskRecord(const Poco::Message& message, Poco::Message::Priority priority)
+// Through the agent's accessor, so that its logging set-up has run before the
+// channel is replaced (it never replaces a channel afterwards).
+LogCapture::LogCapture()
+    : logger(*SDK::LoggerUtils::GetInstance()->GetModuleLogger("two_factor_authentication_module", false)),
+      channel(new TestSupport::CapturingChannel),
+      previousChannel(logger.getChannel()),
+      previousLevel(logger.getLevel())
 {
-    return message.getPriority() == priority && message.getSourceFile() != nullptr &&
-           std::string(message.getSourceFile()) == kTaskSource && message.getSourceLine() > 0;
-}
-
-Poco::Logger& ModuleLogger()
-{
-    // Through the module's own accessor, so that the agent's logging set-up
-    // has run before the channel is replaced.
-    Poco::Logger* logger = Engine::TwoFactorAuthentication::GetLoggerPtr();
-    return logger != nullptr ? *logger : Poco::Logger::get("two_factor_authentication_module");
-}
-
-} // namespace
-
-LogCapture::LogCapture() : channel(new TestSupport::CapturingChannel)
-{
-    Poco::Logger& logger = ModuleLogger();
-    previousChannel = logger.getChannel();
-    previousLevel = logger.getLevel();
     logger.setChannel(channel);
-    logger.setLevel(Poco::Message::PRIO_DEBUG);
+    logger.setLevel(Poco::Message::PRIO_TRACE);
 }
 
 LogCapture::~LogCapture()
 {
-    Poco::Logger& logger = ModuleLogger();
     logger.setChannel(previousChannel);
     logger.setLevel(previousLevel);
 }
 
-bool LogCapture::Has(Poco::Message::Priority priority, const std::string& text) const
+bool LogCapture::Has(Poco::Message::Priority priority, const std::string& text, const std::string& file) const
 {
     for (const Poco::Message& message : channel->Messages()) {
-        if (message.getText() == text && IsTaskRecord(message, priority)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool LogCapture::HasPrefix(Poco::Message::Priority priority, const std::string& prefix) const
-{
-    for (const Poco::Message& message : channel->Messages()) {
-        if (message.getText().compare(0, prefix.size(), prefix) == 0 && IsTaskRecord(message, priority)) {
+        if (message.getText() == text && message.getPriority() == priority && message.getSourceFile() != nullptr &&
+            message.getSourceFile() == file && message.getSourceLine() > 0) {
             return true;
         }
     }
@@ -75,14 +46,11 @@ std::string LogCapture::Dump() const
 {
     std::string all;
     for (const Poco::Message& message : channel->Messages()) {
-        all += "  [" + std::to_string(message.getPriority()) + "] " + message.getText() + "\n";
+        const char* file = message.getSourceFile();
+        all += "  [" + std::to_string(message.getPriority()) + "] " + (file != nullptr ? file : "-") + ": " +
+               message.getText() + "\n";
     }
     return all;
-}
-
-void LogCapture::Clear()
-{
-    channel->Clear();
 }
 
 } // namespace TfaTest

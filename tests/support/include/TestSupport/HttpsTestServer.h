@@ -24,13 +24,11 @@ struct ScriptedAnswer {
 };
 
 /// An HTTPS server on 127.0.0.1 and an ephemeral port, a real TLS peer for
-/// client tests. It records every request and replays scripted answers:
-/// first those queued for the request's path, in order, then the default
-/// (200 with an empty body unless set). In stall mode it accepts requests
-/// and never answers, until stall mode ends or the server stops.
-///
-/// Started by Start(), stopped by Stop() or the destructor, which also wait
-/// for every connection thread, so no thread outlives the object.
+/// client tests. It records every request and answers with the answers
+/// queued for the request's path, in order, then with 200 and an empty body.
+/// In stall mode it accepts requests and never answers, until stall mode ends
+/// or the server goes away. The destructor waits for every connection
+/// thread, so no thread outlives the object.
 class HttpsTestServer {
 public:
     /// A server presenting the PEM certificate and key (see TestCertificates).
@@ -41,25 +39,18 @@ public:
 
     /// Binds and starts serving; false with `error` saying why.
     bool Start(std::string& error);
-    void Stop();
-
     /// The bound port (0 before Start).
     unsigned short Port() const;
     /// "localhost:<port>", the form a client configuration takes.
-    std::string Address() const;
+    std::string Address() const { return "localhost:" + std::to_string(Port()); }
 
     /// Queues `answer` for the next request to `path`.
     void Queue(const std::string& path, const ScriptedAnswer& answer);
-    /// The answer when nothing is queued for a path.
-    void SetDefault(const ScriptedAnswer& answer);
     /// Holds every request from now on without answering it; false releases them.
     void SetStall(bool stall);
-
     /// The requests received so far, oldest first.
     std::vector<RecordedRequest> Requests() const;
-    size_t RequestCount() const;
-    /// Problems met while serving (a handler that could not answer), for test messages.
-    std::vector<std::string> Failures() const;
+    size_t RequestCount() const { return Requests().size(); }
 
     struct State;
 

@@ -1,0 +1,101 @@
+// The module's policy document and its entry points, with the records they log.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Framework/TaskPolicy.h"
+#include "LogCapture.h"
+#include "TwoFactorAuthenticationModule.h"
+#include "TwoFactorAuthenticationPolicy.h"
+
+using Poco::Message;
+
+namespace {
+
+const std::string kFeature = "two_factor_authentication_feature";
+const std::string kValid = R"({"content":{"refresh_time":42,"echo":0,"local":1,"exclude_user_list":["root"]}})";
+const char* const kPolicyFile = "TwoFactorAuthenticationPolicy.cpp";
+const char* const kModuleFile = "TwoFactorAuthenticationModule.cpp";
+
+TEST(PolicyTest, AcceptedDocumentGivesItsValuesAndNamesTheTask)
+{
+    const struct {
+        std::string document;
+        int refreshTime;
+        int echo;
+        int local;
+        std::vector<std::string> users;
+    } cases[] = {
+        {R"({"content":{"refresh_time":600,"echo":0,"local":0,"exclude_user_list":[" root ","","admin",7]}})", 600, 0,
+         0, {"root", "admin"}},
+        {R"({"content":{"exclude_user_list":[]}})", 300, 1, 1, {}},
+        {R"({"content":{"refresh_time":-5,"exclude_user_list":[]}})", -5, 1, 1, {}},
+        {R"({"content":{"refresh_time":"600","echo":true,"local":null,"exclude_user_list":[]}})", 300, 1, 1, {}},
+        {"{\"content\":{\"exclude_user_list\":[\" alice \",\"alice\",\"\\t\"]}}", 300, 1, 1, {"alice", "alice"}},
+        {"  {\"id\":1,\"content\":{\"local\":1,\"x\":[],\"exclude_user_list\":[\"u\"]}}\n", 300, 1, 1, {"u"}},
+    };
+    for (const auto& c : cases) {
+        TfaTest::LogCapture log;
+        Engine::TwoFactorAuthenticationPolicy policy(kFeature);
+        ASSERT_TRUE(policy.Parse(c.document)) << c.document;
+        EXPECT_EQ(policy.GetRefreshTime(), c.refreshTime) << c.document;
+        EXPECT_EQ(policy.GetEcho(), c.echo) << c.document;
+        EXPECT_EQ(policy.GetLocal(), c.local) << c.document;
+        EXPECT_EQ(policy.GetExcludeUserList(), c.users) << c.document;
+        ASSERT_EQ(policy.Children().size(), 1u);
+        auto* child = dynamic_cast<Framework::TaskPolicy*>(policy.Children().begin()->second);
+        ASSERT_NE(child, nullptr);
+        EXPECT_EQ(child->name, "two_factor_authentication_task");
+        EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION,
+                            "Parse feature(" + kFeature + ") policy(" + c.document + ") success.", kPolicyFile))
+            << log.Dump();
+    }
+}
+
+TEST(PolicyTest, RejectedDocumentIsLoggedWhole)
+{
+    const std::string parse = "Parse feature(" + kFeature + ") policy(";
+    const std::string list = "Parse task(" + kFeature + ") policy(";
+    const std::pair<std::string, std::string> cases[] = {
+        {"{content:", parse + "{content:) failed."},
+        {"", parse + ") failed."},
+        {R"({"refresh_time":5})", parse + R"({"refresh_time":5}) content failed.)"},
+        {R"({"content":[1]})", parse + R"({"content":[1]}) content failed.)"},
+        {R"({"content":{"refresh_time":600}})",
+         list + R"({"content":{"refresh_time":600}}) exclude user list failed.)"},
+        {R"({"content":{"exclude_user_list":"root"}})",
+         list + R"({"content":{"exclude_user_list":"root"}}) exclude user list failed.)"},
+    };
+    for (const auto& c : cases) {
+        TfaTest::LogCapture log;
+        Engine::TwoFactorAuthenticationPolicy policy(kFeature);
+        EXPECT_FALSE(policy.Parse(c.first)) << c.first;
+        EXPECT_TRUE(policy.Children().empty());
+        EXPECT_TRUE(log.Has(Message::PRIO_ERROR, c.second, kPolicyFile)) << log.Dump();
+    }
+}
+
+TEST(ModuleTest, InitRegistersAndUnInitRemovesWithTheirRecords)
+{
+    TfaTest::LogCapture log;
+    Engine::TwoFactorAuthenticationModule module;
+    EXPECT_STREQ(module.name(), "two_factor_authentication_module");
+    ASSERT_EQ(module.Init(), 0);
+    // The callback is reachable under "10001" only.
+    Framework::Policy* current = nullptr;
+    EXPECT_EQ(module.RefreshPolicy("10001", kFeature, "not json", current), -2);
+    EXPECT_EQ(module.RefreshPolicy("10002", kFeature, kValid, current), -1);
+    module.UnInit();
+    EXPECT_EQ(module.RefreshPolicy("10001", kFeature, kValid, current), -1) << "callback removed";
+
+    for (const char* text : {"Init module(two_factor_authentication_module).",
+                             "Register task(two_factor_authentication_task).",
+                             "UnRegister task(two_factor_authentication_task).",
+                             "UnInit module(two_factor_authentication_module)."}) {
+        EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION, text, kModuleFile)) << text << "\n" << log.Dump();
+    }
+}
+
+} // namespace
