@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -74,6 +75,38 @@ TEST(PolicyTest, RejectedDocumentIsLoggedWhole)
         EXPECT_FALSE(policy.Parse(c.first)) << c.first;
         EXPECT_TRUE(policy.Children().empty());
         EXPECT_TRUE(log.Has(Message::PRIO_ERROR, c.second, kPolicyFile)) << log.Dump();
+    }
+}
+
+// Whatever comes of a pushed document, the policy held so far is marked expired.
+TEST(ModuleTest, RefreshFeaturePolicyExpiresTheHeldPolicyOnEveryPath)
+{
+    const struct {
+        std::string feature;
+        std::string document;
+        std::string error;  // empty: accepted
+    } cases[] = {
+        {kFeature, kValid, ""},
+        {kFeature + " ", kValid,
+         "Expected feature name(" + kFeature + "), actual feature name(" + kFeature + " ), refresh policy failed."},
+        {"TWO_FACTOR_AUTHENTICATION_FEATURE", kValid,
+         "Expected feature name(" + kFeature +
+             "), actual feature name(TWO_FACTOR_AUTHENTICATION_FEATURE), refresh policy failed."},
+        {kFeature, R"({"content":{}})", "Parse feature(" + kFeature + ") policy failed."},
+    };
+    for (const auto& c : cases) {
+        TfaTest::LogCapture log;
+        Engine::TwoFactorAuthenticationModule module;
+        Engine::TwoFactorAuthenticationPolicy held(kFeature);
+        Framework::Policy* current = &held;
+        std::unique_ptr<Framework::Policy> result(module.RefreshFeaturePolicy(c.feature, c.document, current));
+        EXPECT_TRUE(held.expired) << c.feature;
+        EXPECT_EQ(current, &held) << "the held policy is neither replaced nor deleted";
+        EXPECT_EQ(result == nullptr, !c.error.empty()) << c.feature;
+        EXPECT_TRUE(log.Has(Message::PRIO_INFORMATION, "Refresh feature(" + c.feature + ") policy.", kModuleFile));
+        if (!c.error.empty()) {
+            EXPECT_TRUE(log.Has(Message::PRIO_ERROR, c.error, kModuleFile)) << log.Dump();
+        }
     }
 }
 
