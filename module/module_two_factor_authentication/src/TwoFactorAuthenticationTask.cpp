@@ -319,6 +319,20 @@ bool StartsWith(const std::string& text, const std::string& prefix)
     return text.compare(0, prefix.size(), prefix) == 0;
 }
 
+// `path` = the agent's installation directory followed by `relative`. The
+// restart and the module installation share the failure message word for
+// word (it names the copy even for the restart) so that one search finds both.
+bool InstallationFilePath(const std::string& relative, std::string& path)
+{
+    std::string installation;
+    if (SDK::PathUtils::GetInstallationPath(installation) != 0) {
+        TFA_LOG_ERROR("Get install path failed, copy auth module failed.");
+        return false;
+    }
+    path = installation + relative;
+    return true;
+}
+
 // Replaces the file's content in place: truncate, then one write. No temporary
 // file, so owner, mode and any hard links of the file stay as they are. On an
 // open failure `openErrno` holds the errno of that open; a failing write or
@@ -494,16 +508,12 @@ bool TwoFactorAuthenticationTask::SwitchSshdConfig(bool switchOn)
 
 bool TwoFactorAuthenticationTask::RestartSsh()
 {
-    std::string path;
-    if (SDK::PathUtils::GetInstallationPath(path) != 0) {
-        // Same text as the module installation's message, kept word for word
-        // so that log searches find both.
-        TFA_LOG_ERROR("Get install path failed, copy auth module failed.");
+    std::string command;
+    if (!InstallationFilePath(sshd_restart_script, command)) {
         return false;
     }
     // The script validates the configuration before it touches sshd; its
     // outcome is not ours to judge, so result and output are ignored.
-    const std::string command = path + sshd_restart_script;
     std::string output;
     SDK::ExecuteCmdUtils::ExecuteCmd(command, output, 4096);
     return true;
@@ -837,12 +847,10 @@ bool TwoFactorAuthenticationTask::OpenPam()
 
 bool TwoFactorAuthenticationTask::CopyAuthModule()
 {
-    std::string installationPath;
-    if (SDK::PathUtils::GetInstallationPath(installationPath) != 0) {
-        TFA_LOG_ERROR("Get install path failed, copy auth module failed.");
+    std::string source;
+    if (!InstallationFilePath(pam_module_source, source)) {
         return false;
     }
-    const std::string source = installationPath + pam_module_source;
     installedModulePaths.clear();
     bool anyInstalled = false;
     for (const char* dirText : pam_module_dirs) {
