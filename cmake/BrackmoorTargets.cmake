@@ -33,13 +33,21 @@ function(brackmoor_target target)
 endfunction()
 
 # A GoogleTest executable registered with ctest under the given labels.
-#   brackmoor_gtest(NAME name SOURCES ... LIBS ... LABELS unit|integration|stress|e2e [RESOURCE_LOCK lock] [TIMEOUT s])
+#   brackmoor_gtest(NAME name SOURCES ... LIBS ... LABELS unit|integration|stress|e2e
+#                   [SANDBOX] [RESOURCE_LOCK lock] [TIMEOUT s])
+# SANDBOX: the suite changes system paths or binds the agent's socket name, so
+# it runs inside tests/sandbox/sandbox-run and skips (77) anywhere else.
 function(brackmoor_gtest)
-  cmake_parse_arguments(T "" "NAME;TIMEOUT;RESOURCE_LOCK" "SOURCES;LIBS;LABELS" ${ARGN})
+  cmake_parse_arguments(T "SANDBOX" "NAME;TIMEOUT;RESOURCE_LOCK" "SOURCES;LIBS;LABELS" ${ARGN})
   add_executable(${T_NAME} ${T_SOURCES})
   brackmoor_target(${T_NAME})
-  target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
-  add_test(NAME ${T_NAME} COMMAND ${T_NAME})
+  if(T_SANDBOX)
+    target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} brackmoor::sandbox_main GTest::gtest GTest::gmock)
+    add_test(NAME ${T_NAME} COMMAND ${BRACKMOOR_SANDBOX_RUN} $<TARGET_FILE:${T_NAME}>)
+  else()
+    target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
+    add_test(NAME ${T_NAME} COMMAND ${T_NAME})
+  endif()
   if(NOT T_TIMEOUT)
     set(T_TIMEOUT 300)
   endif()
@@ -47,4 +55,15 @@ function(brackmoor_gtest)
   if(T_RESOURCE_LOCK)
     set_tests_properties(${T_NAME} PROPERTIES RESOURCE_LOCK ${T_RESOURCE_LOCK})
   endif()
+endfunction()
+
+# Adds every sub-folder of `parent` that has a CMakeLists.txt, so that a new
+# suite or benchmark needs no registration elsewhere.
+function(brackmoor_add_subdirectories parent)
+  file(GLOB children LIST_DIRECTORIES true "${parent}/*")
+  foreach(dir ${children})
+    if(IS_DIRECTORY "${dir}" AND EXISTS "${dir}/CMakeLists.txt")
+      add_subdirectory(${dir})
+    endif()
+  endforeach()
 endfunction()

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "SecretString.h"
-#include "UniqueFd.h"
+#include "brackmoor/UniqueFd.h"
 
 #include <cstdint>
 #include <string>

@@ -3,16 +3,14 @@
 // sandbox's private namespaces. Outside them, skip (77).
 
 #include "PamHarness.h"
+#include "TestSupport/Sandbox.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <gtest/gtest.h>
 
 int main(int argc, char** argv)
 {
-    const char* inSandbox = std::getenv("BRACKMOOR_IN_SANDBOX");
-    if (inSandbox == nullptr || std::strcmp(inSandbox, "1") != 0) {
+    if (!TestSupport::InsideSandbox()) {
         std::fputs("run through tests/sandbox/sandbox-run; skipping\n", stderr);
         return 77;
     }

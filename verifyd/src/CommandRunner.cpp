@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "FileDescriptor.h"
+#include "brackmoor/UniqueFd.h"
 
 namespace brackmoor::verifyd {
 namespace {
@@ -141,8 +141,8 @@ CommandResult RunCommand(const std::vector<std::string>& argv, std::chrono::mill
         result.output = std::string("pipe: ") + std::strerror(errno);
         return result;
     }
-    FileDescriptor readEnd(pipeFds[0]);
-    FileDescriptor writeEnd(pipeFds[1]);
+    UniqueFd readEnd(pipeFds[0]);
+    UniqueFd writeEnd(pipeFds[1]);
     ::fcntl(readEnd.Get(), F_SETFL, O_NONBLOCK);
 
     std::vector<char*> args;
@@ -166,7 +166,7 @@ CommandResult RunCommand(const std::vector<std::string>& argv, std::chrono::mill
     }
     writeEnd.Reset();
 
-    FileDescriptor pidfd(PidFd(pid));
+    UniqueFd pidfd(PidFd(pid));
     const bool exited =
         pidfd.Valid() &&
         WaitForExit(pidfd.Get(), readEnd.Get(), Clock::now() + timeout, result.output);

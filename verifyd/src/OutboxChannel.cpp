@@ -12,7 +12,7 @@
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 
-#include "FileDescriptor.h"
+#include "brackmoor/UniqueFd.h"
 
 namespace brackmoor::verifyd {
 namespace {
@@ -82,7 +82,7 @@ bool OutboxChannel::Deliver(const Message& message, std::string& error)
     const std::string content = "To: " + message.to + "\nChannel: " + KindName(message.kind) +
                                 "\n\n" + message.text + "\n";
 
-    FileDescriptor file(
+    UniqueFd file(
         ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file.Valid()) {
         error = temporary + ": " + Errno("cannot create");

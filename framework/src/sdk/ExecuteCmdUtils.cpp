@@ -11,13 +11,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "UniqueFd.h"
+#include "brackmoor/UniqueFd.h"
 
 extern char** environ;
 
 namespace SDK {
 
-using Internal::UniqueFd;
+using brackmoor::UniqueFd;
 using Clock = std::chrono::steady_clock;
 
 namespace {

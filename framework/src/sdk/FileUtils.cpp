@@ -7,11 +7,11 @@
 #include <unistd.h>
 #include <vector>
 
-#include "UniqueFd.h"
+#include "brackmoor/UniqueFd.h"
 
 namespace SDK {
 
-using Internal::UniqueFd;
+using brackmoor::UniqueFd;
 
 namespace {
 

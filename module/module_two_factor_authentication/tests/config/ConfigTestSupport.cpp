@@ -113,40 +113,4 @@ std::unique_ptr<Engine::TwoFactorAuthenticationTask> TaskIn(const std::string& r
     return task;
 }
 
-namespace {
-
-// Whether the topmost mount at `mountPoint` is one that sandbox-run made
-// (its tmpfs and overlays name the sandbox's scratch directory).
-bool MountedBySandbox(const std::string& mountPoint)
-{
-    std::ifstream mountInfo("/proc/self/mountinfo");
-    bool bySandbox = false;
-    for (std::string line; std::getline(mountInfo, line);) {
-        std::istringstream fields(line);
-        std::string id, parent, device, root, point;
-        if (fields >> id >> parent >> device >> root >> point && point == mountPoint) {
-            // Later entries are mounted on top of earlier ones.
-            bySandbox = line.find(" - ") != std::string::npos &&
-                        line.find("brackmoor-sandbox", line.find(" - ")) != std::string::npos;
-        }
-    }
-    return bySandbox;
-}
-
-} // namespace
-
-bool InsideSandbox(std::string& why)
-{
-    const char* flag = std::getenv("BRACKMOOR_IN_SANDBOX");
-    std::error_code error;
-    // Every module directory must lie on an overlay of the sandbox, so that
-    // creating and removing them changes nothing on this machine.
-    const bool inside = flag != nullptr && std::string(flag) == "1" && MountedBySandbox("/etc") &&
-                        MountedBySandbox("/run") && MountedBySandbox("/usr/lib") && MountedBySandbox("/usr/lib64") &&
-                        fs::canonical("/lib", error) == "/usr/lib" && fs::canonical("/lib64", error) == "/usr/lib64";
-    why = "needs tests/sandbox/sandbox-run with /etc, /run, /usr/lib and /usr/lib64 its own and /lib, /lib64 "
-          "linking to the latter two: this test changes system paths";
-    return inside && !error;
-}
-
 } // namespace ConfigTest

@@ -90,9 +90,4 @@ protected:
     ModuleLogCapture log{root.Path()};
 };
 
-/// True only inside tests/sandbox/sandbox-run with /etc a private copy and the
-/// module directories on the sandbox's overlays, so that a test may change
-/// them; otherwise false with the reason in `why`.
-bool InsideSandbox(std::string& why);
-
 } // namespace ConfigTest

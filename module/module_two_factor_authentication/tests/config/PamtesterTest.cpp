@@ -42,10 +42,6 @@ bool InstallInsteadOfOurs(Engine::TwoFactorAuthenticationTask& task, const std::
 
 TEST(PamtesterTest, IncludeFileKeepsThePasswordCheckAndCallsTheModule)
 {
-    std::string why;
-    if (!InsideSandbox(why)) {
-        GTEST_SKIP() << why;
-    }
     if (RunShell("for tool in pamtester useradd chpasswd; do command -v $tool >/dev/null || exit 1; done") != 0) {
         GTEST_SKIP() << "pamtester, useradd or chpasswd is not installed";
     }

@@ -1,0 +1,7 @@
+// Entry of the GoogleTest suites registered with brackmoor_gtest(... SANDBOX).
+#include "TestSupport/Sandbox.h"
+
+int main(int argc, char** argv)
+{
+    return TestSupport::RunSandboxedTests(argc, argv);
+}
