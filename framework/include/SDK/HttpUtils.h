@@ -5,7 +5,9 @@
 #include <mutex>
 #include <string>
 
-namespace Poco { namespace Net { class Context; } }
+#include <Poco/AutoPtr.h>
+
+namespace Poco { namespace Net { class Context; class Session; } }
 
 namespace SDK {
 
@@ -15,8 +17,12 @@ namespace SDK {
 ///   verification service address (Framework::ConfigManager service.address).
 /// - https:// URLs: the server certificate must chain to the configured CA
 ///   file (service.ca_file) and match the host name; nothing else is trusted.
-/// - Connect and read time-outs come from the configuration (10 s each by
-///   default), so a hung service cannot block a caller for ever.
+/// - A call ends within the configured connect plus read time-out (5 s each
+///   by default), whatever the server does: a stalled or dripping server, a
+///   handshake that never finishes, a body that never ends. Bodies are
+///   limited to 64 KiB.
+/// - A TLS session of an earlier call to the same service is offered again
+///   (resumption), as long as the CA file stays the same.
 /// - A proxy is used only when the configuration names one, never from the
 ///   environment.
 /// - Query parameters are URL-encoded and appended to the URL.
@@ -41,7 +47,8 @@ public:
              std::map<std::string, std::string>& responseHeaders, std::string& responseBody,
              int expectedStatus);
 
-    /// Drops the cached TLS context so that the next request re-reads the CA file.
+    /// Drops the cached TLS context and sessions so that the next request
+    /// re-reads the CA file and makes a full handshake.
     void Reset();
 
 private:
@@ -52,9 +59,18 @@ private:
              std::map<std::string, std::string>& responseHeaders, std::string& responseBody,
              int expectedStatus);
 
+    /// The client context for `caFile` and, in `resume`, the TLS session
+    /// remembered for `endpoint` (host:port).
+    Poco::AutoPtr<Poco::Net::Context> TlsFor(const std::string& caFile, const std::string& endpoint,
+                                             Poco::AutoPtr<Poco::Net::Session>& resume);
+    /// Keeps `session` for the next call to `endpoint` made with context `tls`.
+    void RememberSession(const Poco::AutoPtr<Poco::Net::Context>& tls, const std::string& endpoint,
+                         const Poco::AutoPtr<Poco::Net::Session>& session);
+
     std::mutex lock;
     std::string contextCaFile;
     std::shared_ptr<Poco::Net::Context> context;
+    std::map<std::string, Poco::AutoPtr<Poco::Net::Session>> tlsSessions;
 };
 
 } // namespace SDK

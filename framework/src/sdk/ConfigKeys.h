@@ -18,9 +18,13 @@ constexpr const char* kLogDir = "log.dir";
 constexpr const char* kLogLevel = "log.level";
 
 constexpr const char* kDefaultInstallationPath = "/opt/brackmoor/";
-constexpr int kDefaultTimeoutSeconds = 10;
+constexpr int kDefaultTimeoutSeconds = 5;
 constexpr int kMinTimeoutSeconds = 1;
-constexpr int kMaxTimeoutSeconds = 300;
+// A whole call to the verification service ends within connect plus read
+// time-out; the PAM module waits 30 s for the agent's reply, so the sum
+// stays below that with room for a request queued behind another.
+constexpr int kMaxCallSeconds = 25;
+constexpr int kMaxTimeoutSeconds = kMaxCallSeconds - kMinTimeoutSeconds;
 constexpr int kDefaultProxyPort = 3128;
 constexpr const char* kDefaultLogDir = "/var/log/brackmoor";
 constexpr const char* kDefaultLogLevel = "information";

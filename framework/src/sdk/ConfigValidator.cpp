@@ -110,16 +110,31 @@ bool ConfigValidator::Validate(const Poco::Util::AbstractConfiguration& config, 
     const auto timeout = [](const std::string& v) {
         return IsInRange(v, kMinTimeoutSeconds, kMaxTimeoutSeconds);
     };
+    const std::string timeoutRange = "1.." + std::to_string(kMaxTimeoutSeconds);
     return CheckOptional(config, kServiceAddress, IsHostPort, "host[:port]", error) &&
            CheckOptional(config, kInstallationPath, IsAbsolutePath, "absolute path", error) &&
            CheckOptional(config, kCaFile, IsAbsolutePath, "absolute path", error) &&
            CheckOptional(config, kAuthTokenFile, IsAbsolutePath, "absolute path", error) &&
-           CheckOptional(config, kConnectTimeout, timeout, "1..300", error) &&
-           CheckOptional(config, kReadTimeout, timeout, "1..300", error) &&
+           CheckOptional(config, kConnectTimeout, timeout, timeoutRange.c_str(), error) &&
+           CheckOptional(config, kReadTimeout, timeout, timeoutRange.c_str(), error) && CheckCallBound(config, error) &&
            CheckOptional(config, kProxyHost, IsPlainHost, "host name or IPv4 address", error) &&
            CheckOptional(config, kProxyPort, IsPort, "1..65535", error) &&
            CheckOptional(config, kLogDir, IsAbsolutePath, "absolute path", error) &&
            CheckOptional(config, kLogLevel, IsLogLevel, "fatal..trace or 1..8", error);
+}
+
+bool ConfigValidator::CheckCallBound(const Poco::Util::AbstractConfiguration& config, std::string& error)
+{
+    int connect = kDefaultTimeoutSeconds;
+    int read = kDefaultTimeoutSeconds;
+    ParseInt(config.getRawString(kConnectTimeout, std::to_string(connect)), connect);
+    ParseInt(config.getRawString(kReadTimeout, std::to_string(read)), read);
+    if (connect + read > kMaxCallSeconds) {
+        error = std::string("bad value for ") + kConnectTimeout + " + " + kReadTimeout + ": " +
+                std::to_string(connect + read) + " s (at most " + std::to_string(kMaxCallSeconds) + ")";
+        return false;
+    }
+    return true;
 }
 
 bool ConfigValidator::ParseInt(const std::string& text, int& value)

@@ -24,6 +24,10 @@ public:
     /// A decimal integer filling the whole text (an optional leading '-').
     static bool ParseInt(const std::string& text, int& value);
 
+    /// Whether connect and read time-out together stay within the bound of
+    /// one service call; `error` says why not.
+    static bool CheckCallBound(const Poco::Util::AbstractConfiguration& config, std::string& error);
+
     /// "host", "host:port", "[v6]" or "[v6]:port", port 1..65535.
     static bool IsHostPort(const std::string& text);
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "FileReplace.h"
 #include "brackmoor/UniqueFd.h"
 
 namespace SDK {
@@ -97,29 +98,17 @@ int OpenBoundedRegular(const std::string& path, long maxSize, UniqueFd& fd)
 int FileUtils::CopyFile(const std::string& from, const std::string& to, long maxSize)
 {
     UniqueFd in;
-    if (to.empty() || OpenBoundedRegular(from, maxSize, in) != 0) {
-        if (to.empty()) {
-            errno = EINVAL;
-        }
+    if (to.empty()) {
+        errno = EINVAL;
         return -1;
     }
-    std::string temp = to + ".tmp.XXXXXX";
-    UniqueFd out(::mkostemp(&temp[0], O_CLOEXEC));
-    if (!out.Valid()) {
+    if (OpenBoundedRegular(from, maxSize, in) != 0) {
         return -1;
     }
-    // mkostemp creates the file 0600; the copy is meant to be world-readable
-    // (a PAM module is loaded by every process that authenticates).
-    const bool written = ::fchmod(out.Get(), 0644) == 0 && CopyBounded(in.Get(), out.Get(), maxSize) == 0 &&
-                         ::fsync(out.Get()) == 0 && out.Reset() == 0 &&
-                         ::rename(temp.c_str(), to.c_str()) == 0;
-    if (!written) {
-        const int saved = errno;
-        ::unlink(temp.c_str());
-        errno = saved;
-        return -1;
-    }
-    return 0;
+    // A PAM module is loaded by every process that authenticates: a new copy
+    // is world-readable.
+    const int result = FileReplace::Replace(to, 0644, [&](int out) { return CopyBounded(in.Get(), out, maxSize); });
+    return result == 0 ? 0 : -1;
 }
 
 int FileUtils::DeleteFile(const std::string& path)
@@ -151,6 +140,20 @@ int FileUtils::ReadFile(const std::string& path, std::string& content, long maxS
     }
     content = std::move(text);
     return 0;
+}
+
+FileUtils::ReplaceResult FileUtils::ReplaceFile(const std::string& path, const std::string& content,
+                                                mode_t newFileMode)
+{
+    const int result = FileReplace::Replace(path, newFileMode, [&](int out) {
+        return WriteAll(out, content.data(), content.size());
+    });
+    return static_cast<ReplaceResult>(result);
+}
+
+int FileUtils::RemoveStaleTemporaries(const std::string& path)
+{
+    return FileReplace::RemoveStale(path);
 }
 
 } // namespace SDK

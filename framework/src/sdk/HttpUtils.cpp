@@ -8,9 +8,10 @@
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
-#include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/URI.h>
 
+#include "BoundedClientSession.h"
+#include "CallWatchdog.h"
 #include "Framework/ConfigManager.h"
 #include "SdkLog.h"
 #include "TlsContextFactory.h"
@@ -20,9 +21,9 @@ namespace SDK {
 namespace {
 
 const char* const kAddressToken = "SERVICE_ADDRESS";
-// Bodies of the verification service are small; a larger one is refused
-// instead of growing the agent without bound.
-const std::streamsize kMaxResponseBytes = 16 * 1024 * 1024;
+// The service's answers hold at most 32 contact hashes and a code: a few
+// kilobytes. A larger body is refused instead of growing the agent.
+const std::streamsize kMaxResponseBytes = 64 * 1024;
 
 /// A request that failed before or without a response: the reason is logged
 /// once, by the caller, with the target.
@@ -83,33 +84,36 @@ Poco::Net::HTTPRequest BuildRequest(const std::string& method, const Poco::URI& 
     return request;
 }
 
-/// A session towards the URI's host, with time-outs and proxy from the
-/// configuration only (never from the environment or a process-wide default).
-std::unique_ptr<Poco::Net::HTTPClientSession> OpenSession(const Poco::URI& uri,
-                                                          const Poco::Net::Context::Ptr& context)
+/// A session towards the URI's host, bounded by `watchdog`, with the proxy
+/// from the configuration only (never from the environment or a process-wide
+/// default). `resume`: a TLS session to offer the server.
+std::unique_ptr<Poco::Net::HTTPClientSession> OpenSession(const Poco::URI& uri, const Poco::Net::Context::Ptr& context,
+                                                          const Poco::Net::Session::Ptr& resume,
+                                                          CallWatchdog& watchdog)
 {
     const Framework::ConfigManager* config = Framework::ConfigManager::GetInstance();
+    const Poco::Timespan connectTimeout(config->GetConnectTimeout(), 0);
     std::unique_ptr<Poco::Net::HTTPClientSession> session;
     if (uri.getScheme() == "https") {
-        session.reset(new Poco::Net::HTTPSClientSession(uri.getHost(), uri.getPort(), context));
+        session.reset(new BoundedHttpsSession(uri.getHost(), uri.getPort(), context, resume, connectTimeout, watchdog));
     } else {
-        session.reset(new Poco::Net::HTTPClientSession(uri.getHost(), uri.getPort()));
+        session.reset(new BoundedHttpSession(uri.getHost(), uri.getPort(), connectTimeout, watchdog));
     }
     session->setProxyConfig(Poco::Net::HTTPClientSession::ProxyConfig());
     const std::string proxyHost = config->GetProxyHost();
     if (!proxyHost.empty()) {
         session->setProxy(proxyHost, static_cast<Poco::UInt16>(config->GetProxyPort()));
     }
-    const Poco::Timespan connectTimeout(config->GetConnectTimeout(), 0);
-    const Poco::Timespan readTimeout(config->GetReadTimeout(), 0);
-    session->setTimeout(connectTimeout, readTimeout, readTimeout);
     session->setKeepAlive(false);
     return session;
 }
 
 /// Reads the response body, at most kMaxResponseBytes.
-void ReadBody(std::istream& in, std::string& body)
+void ReadBody(const Poco::Net::HTTPResponse& response, std::istream& in, std::string& body)
 {
+    if (response.hasContentLength() && response.getContentLength64() > kMaxResponseBytes) {
+        throw TransportError{"response body too large"};
+    }
     // Failures of the underlying socket (time-outs) surface as exceptions.
     in.exceptions(std::ios::badbit);
     char buffer[8192];
@@ -160,7 +164,7 @@ int Exchange(Poco::Net::HTTPClientSession& session, Poco::Net::HTTPRequest& requ
     Poco::Net::HTTPResponse response;
     std::istream& in = session.receiveResponse(response);
     CopyHeaders(response, responseHeaders);
-    ReadBody(in, responseBody);
+    ReadBody(response, in, responseBody);
     return static_cast<int>(response.getStatus());
 }
 
@@ -195,6 +199,7 @@ void HttpUtils::Reset()
     std::lock_guard<std::mutex> guard(lock);
     context.reset();
     contextCaFile.clear();
+    tlsSessions.clear();
 }
 
 int HttpUtils::Send(const std::string& method, const std::string& url,
@@ -205,24 +210,40 @@ int HttpUtils::Send(const std::string& method, const std::string& url,
 {
     responseHeaders.clear();
     responseBody.clear();
+    const Framework::ConfigManager* config = Framework::ConfigManager::GetInstance();
+    // The whole call, whatever the server does, ends within connect plus read
+    // time-out: callers (a login waiting in the PAM module) count on it.
+    const int budgetSeconds = config->GetConnectTimeout() + config->GetReadTimeout();
     std::string reason;
     std::string target = url;
     try {
         const Poco::URI uri = BuildUri(url, params);
         target = uri.getScheme() + "://" + uri.getAuthority() + uri.getPath();
         Poco::Net::HTTPRequest request = BuildRequest(method, uri, headers, body);
+        const std::string endpoint = uri.getHost() + ":" + std::to_string(uri.getPort());
         Poco::Net::Context::Ptr tls;
+        Poco::Net::Session::Ptr resume;
         if (uri.getScheme() == "https") {
-            const std::string caFile = Framework::ConfigManager::GetInstance()->GetCaFile();
-            std::lock_guard<std::mutex> guard(lock);
-            tls = CachedContext(caFile, contextCaFile, context);
+            tls = TlsFor(config->GetCaFile(), endpoint, resume);
         }
-        std::unique_ptr<Poco::Net::HTTPClientSession> session = OpenSession(uri, tls);
-        const int status = Exchange(*session, request, body, responseHeaders, responseBody);
-        if (status != expectedStatus) {
-            SDK_LOG_WARNING("HTTP " + Describe(method, target) + " answered status(" + std::to_string(status) + ").");
+        CallWatchdog watchdog{std::chrono::seconds(budgetSeconds)};
+        try {
+            std::unique_ptr<Poco::Net::HTTPClientSession> session = OpenSession(uri, tls, resume, watchdog);
+            const int status = Exchange(*session, request, body, responseHeaders, responseBody);
+            if (auto* secure = dynamic_cast<BoundedHttpsSession*>(session.get())) {
+                RememberSession(tls, endpoint, secure->SessionForReuse());
+            }
+            if (status != expectedStatus) {
+                SDK_LOG_WARNING("HTTP " + Describe(method, target) + " answered status(" + std::to_string(status) +
+                                ").");
+            }
+            return status;
+        } catch (...) {
+            if (watchdog.Expired()) {
+                throw TransportError{"no complete answer within " + std::to_string(budgetSeconds) + " s"};
+            }
+            throw;
         }
-        return status;
     } catch (const TransportError& e) {
         reason = e.reason;
     } catch (const Poco::Exception& e) {
@@ -234,8 +255,36 @@ int HttpUtils::Send(const std::string& method, const std::string& url,
     }
     responseHeaders.clear();
     responseBody.clear();
+    responseBody.shrink_to_fit();
     SDK_LOG_ERROR("HTTP " + Describe(method, target) + " failed: " + reason + ".");
     return -1;
+}
+
+Poco::Net::Context::Ptr HttpUtils::TlsFor(const std::string& caFile, const std::string& endpoint,
+                                          Poco::Net::Session::Ptr& resume)
+{
+    std::lock_guard<std::mutex> guard(lock);
+    if (!context || contextCaFile != caFile) {
+        // Sessions were verified against the former CA: none is offered again.
+        tlsSessions.clear();
+    }
+    Poco::Net::Context::Ptr tls = CachedContext(caFile, contextCaFile, context);
+    auto found = tlsSessions.find(endpoint);
+    if (found != tlsSessions.end()) {
+        resume = found->second;
+    }
+    return tls;
+}
+
+void HttpUtils::RememberSession(const Poco::Net::Context::Ptr& tls, const std::string& endpoint,
+                                const Poco::Net::Session::Ptr& session)
+{
+    std::lock_guard<std::mutex> guard(lock);
+    // Only for the context still in use: Reset or a new CA file may have
+    // replaced it while this call ran.
+    if (session && context && context.get() == tls.get()) {
+        tlsSessions[endpoint] = session;
+    }
 }
 
 } // namespace SDK

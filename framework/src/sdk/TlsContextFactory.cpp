@@ -32,6 +32,9 @@ Poco::Net::Context::Ptr TlsContextFactory::CreateClientContext(const std::string
     Poco::Net::Context::Ptr context(new Poco::Net::Context(Poco::Net::Context::TLS_CLIENT_USE, params));
     context->requireMinimumProtocol(Poco::Net::Context::PROTO_TLSV1_2);
     context->enableExtendedCertificateVerification(true);
+    // Lets a connection resume the TLS session of an earlier one to the same
+    // service (a short handshake without certificate exchange).
+    context->enableSessionCache(true);
     // No verify callback: OpenSSL's chain verification decides alone.
     SSL_CTX_set_verify(context->sslContext(), SSL_VERIFY_PEER, nullptr);
     return context;

@@ -61,11 +61,13 @@ TEST_F(ConfigManagerTest, EveryMissingOrBadKeyIsNamed)
         {Variant("ca_file ="), "missing key service.ca_file"},
         {Variant("auth_token_file ="), "missing key service.auth_token_file"},
         {Variant("id =", "[agent]\nid =\n"), "missing key agent.id"},
-        {Variant("", "read_timeout = abc\n"), "bad value for service.read_timeout: 'abc' (1..300)"},
-        {Variant("", "read_timeout = 0\n"), "bad value for service.read_timeout: '0' (1..300)"},
-        {Variant("", "read_timeout = 301\n"), "bad value for service.read_timeout: '301' (1..300)"},
-        {Variant("", "read_timeout = 300\n"), "loaded"},
-        {Variant("", "connect_timeout = 10s\n"), "bad value for service.connect_timeout: '10s' (1..300)"},
+        {Variant("", "read_timeout = abc\n"), "bad value for service.read_timeout: 'abc' (1..24)"},
+        {Variant("", "read_timeout = 0\n"), "bad value for service.read_timeout: '0' (1..24)"},
+        {Variant("", "read_timeout = 25\n"), "bad value for service.read_timeout: '25' (1..24)"},
+        {Variant("", "read_timeout = 20\n"), "loaded"},
+        {Variant("", "read_timeout = 20\nconnect_timeout = 6\n"),
+         "bad value for service.connect_timeout + service.read_timeout: 26 s (at most 25)"},
+        {Variant("", "connect_timeout = 10s\n"), "bad value for service.connect_timeout: '10s' (1..24)"},
         {Variant("", "proxy_host = proxy:8080\n"), "bad value for service.proxy_host: 'proxy:8080' (host name or IPv4 address)"},
         {Variant("", "proxy_port = 70000\n"), "bad value for service.proxy_port: '70000' (1..65535)"},
         {Variant("address =", "address = verify.example:0\n"), "bad value for service.address: 'verify.example:0' (host[:port])"},
@@ -97,8 +99,8 @@ TEST_F(ConfigManagerTest, LoadedValuesDefaultsAndAFailedLoadKeepsThem)
     EXPECT_EQ("proxy.example", config->GetProxyHost());
     EXPECT_EQ("/var/log/brackmoor", config->GetLogDir());
     EXPECT_EQ("information", config->GetLogLevel());
-    EXPECT_EQ(10, config->GetConnectTimeout());
-    EXPECT_EQ(10, config->GetReadTimeout());
+    EXPECT_EQ(5, config->GetConnectTimeout());
+    EXPECT_EQ(5, config->GetReadTimeout());
     EXPECT_EQ(3128, config->GetProxyPort());
 
     EXPECT_EQ("missing key agent.id", LoadError(Variant("id =")));
@@ -109,7 +111,7 @@ TEST_F(ConfigManagerTest, LoadedValuesDefaultsAndAFailedLoadKeepsThem)
     EXPECT_EQ(dir.File("agent.ini"), config->GetConfigPath());
 
     config->Set("service.read_timeout", "abc");
-    EXPECT_EQ(10, config->GetReadTimeout()) << "an unusable value falls back to the default";
+    EXPECT_EQ(5, config->GetReadTimeout()) << "an unusable value falls back to the default";
     config->Set("agent.installation_path", "/srv/agent");
     std::string installation;
     ASSERT_EQ(0, SDK::PathUtils::GetInstallationPath(installation));

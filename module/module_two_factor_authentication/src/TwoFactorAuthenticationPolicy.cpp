@@ -5,6 +5,7 @@
 #include "Framework/TaskPolicy.h"
 #include "SDK/JsonUtils.h"
 #include "SDK/StrUtils.h"
+#include "TwoFactorAuthenticationPamLine.h"
 #include "TwoFactorAuthenticationLog.h"
 #include "TwoFactorAuthenticationNames.h"
 
@@ -49,9 +50,23 @@ bool TwoFactorAuthenticationPolicy::Parse(const std::string& content)
         }
         std::string user = users[i].asString();
         SDK::StrUtils::Trim(user);
-        if (!user.empty()) {
-            excludeUserList.push_back(user);
+        if (user.empty()) {
+            continue;
         }
+        // Each name becomes part of a PAM module argument: one that could end
+        // the argument, split the list or the line would exclude users nobody
+        // named, or add lines of its own to the auth stack.
+        if (!PamLine::IsValidUserName(user)) {
+            TFA_LOG_ERROR("Parse task(%s) policy(%s) exclude user(%u) invalid.", name, content, i);
+            return false;
+        }
+        excludeUserList.push_back(user);
+    }
+    // A module line longer than PAM reads is cut, and its rest read as a
+    // line of its own: every user would be refused.
+    if (!PamLine::FitsPamLine(PamLine::FormatArguments(refreshTime, echo, local, excludeUserList))) {
+        TFA_LOG_ERROR("Parse task(%s) policy(%s) exclude user list too long.", name, content);
+        return false;
     }
 
     Framework::TaskPolicy* taskPolicy = new (std::nothrow) Framework::TaskPolicy(two_factor_authentication_task);

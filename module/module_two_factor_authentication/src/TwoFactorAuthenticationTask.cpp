@@ -27,6 +27,7 @@
 #include "SDK/StrUtils.h"
 #include "TwoFactorAuthenticationLog.h"
 #include "TwoFactorAuthenticationNames.h"
+#include "TwoFactorAuthenticationPamLine.h"
 #include "TwoFactorAuthenticationPolicy.h"
 
 namespace Engine {
@@ -83,6 +84,7 @@ bool TwoFactorAuthenticationTask::GetPolicy()
 int TwoFactorAuthenticationTask::Init()
 {
     TFA_LOG_INFO("Task(%s) init.", two_factor_authentication_task);
+    RemoveStaleTemporaries();
     if (!GetPolicy()) {
         return -1;
     }
@@ -183,6 +185,34 @@ const int ipc_request_verification_code = 2;
 // Reply to every request that cannot be answered.
 const int ipc_reply_failure = 3;
 
+// recvfrom with the sender's credentials, which SO_PASSCRED makes the kernel
+// attach; `sender` keeps its values when none came.
+ssize_t ReceiveRequest(int fd, char* buffer, size_t size, struct sockaddr_un& client, socklen_t& clientLen,
+                       struct ucred& sender)
+{
+    struct iovec data = {buffer, size};
+    alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(struct ucred))];
+    struct msghdr message;
+    std::memset(&message, 0, sizeof(message));
+    message.msg_name = &client;
+    message.msg_namelen = clientLen;
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    const ssize_t received = recvmsg(fd, &message, 0);
+    clientLen = message.msg_namelen;
+    if (received > 0) {
+        for (struct cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
+            if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS &&
+                c->cmsg_len >= CMSG_LEN(sizeof(struct ucred))) {
+                std::memcpy(&sender, CMSG_DATA(c), sizeof(sender));
+            }
+        }
+    }
+    return received;
+}
+
 } // namespace
 
 bool TwoFactorAuthenticationTask::CreateIPC()
@@ -215,6 +245,14 @@ bool TwoFactorAuthenticationTask::CreateIPC()
     if (setsockopt(socketFd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) != 0) {
         const int error = errno;
         TFA_LOG_ERROR("Set recv timeout failed, errno(%d).", error);
+        CloseSocket();
+        return false;
+    }
+    // The kernel then attaches the sender's credentials to every request, so
+    // that only the PAM module inside sshd (root) is answered.
+    if (setsockopt(socketFd, SOL_SOCKET, SO_PASSCRED, &reuse, sizeof(reuse)) != 0) {
+        const int error = errno;
+        TFA_LOG_ERROR("Set SO_PASSCRED failed, errno(%d).", error);
         CloseSocket();
         return false;
     }
@@ -256,11 +294,19 @@ int TwoFactorAuthenticationTask::SocketEventAction(int, unsigned int, void*)
     // whatever the kernel left here, and a failed send is merely logged.
     struct sockaddr_un client;
     socklen_t clientLen = sizeof(client);
-    const ssize_t received = recvfrom(socketFd, buffer, sizeof(buffer), 0,
-                                      reinterpret_cast<struct sockaddr*>(&client), &clientLen);
+    struct ucred sender = {0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+    const ssize_t received = ReceiveRequest(socketFd, buffer, sizeof(buffer), client, clientLen, sender);
     if (received <= 0) {
         const int error = errno;
         TFA_LOG_ERROR("Recv client msg failed, errno(%d).", error);
+        SendResponse(client, clientLen, ipc_reply_failure);
+        return -1;
+    }
+    // Any local user can reach an abstract socket. Answering others would
+    // tell which contacts are registered and let them use up the service's
+    // code limit; only sshd's PAM module, which runs as root, is served.
+    if (sender.uid != 0) {
+        RefuseSender(sender);
         SendResponse(client, clientLen, ipc_reply_failure);
         return -1;
     }
@@ -285,6 +331,18 @@ int TwoFactorAuthenticationTask::SocketEventAction(int, unsigned int, void*)
     return 0;
 }
 
+void TwoFactorAuthenticationTask::RefuseSender(const struct ucred& sender)
+{
+    // A flood of foreign requests must not flood the log as well.
+    const time_t now = time(nullptr);
+    if (now == refusedSenderLogTime) {
+        return;
+    }
+    refusedSenderLogTime = now;
+    TFA_LOG_WARNING("Refuse client msg from uid(%d), pid(%d): only root is served.", static_cast<int>(sender.uid),
+                    static_cast<int>(sender.pid));
+}
+
 void TwoFactorAuthenticationTask::SendResponse(const struct sockaddr_un& addr, unsigned int addrLen, int result)
 {
     // The reply is the decimal text with its NUL: the PAM module reads a C string.
@@ -293,7 +351,9 @@ void TwoFactorAuthenticationTask::SendResponse(const struct sockaddr_un& addr, u
         TFA_LOG_ERROR("An error occurred when formatting the string.");
         return;
     }
-    const ssize_t sent = sendto(socketFd, reply, std::strlen(reply) + 1, 0,
+    // Never waits: a client that does not read its replies must not hold up
+    // the logins queued behind it. A reply that cannot be queued is dropped.
+    const ssize_t sent = sendto(socketFd, reply, std::strlen(reply) + 1, MSG_DONTWAIT,
                                 reinterpret_cast<const struct sockaddr*>(&addr), addrLen);
     if (sent <= 0) {
         const int error = errno;
@@ -333,20 +393,20 @@ bool InstallationFilePath(const std::string& relative, std::string& path)
     return true;
 }
 
-// Replaces the file's content in place: truncate, then one write. No temporary
-// file, so owner, mode and any hard links of the file stay as they are. On an
-// open failure `openErrno` holds the errno of that open; a failing write or
-// close is deliberately not reported (the callers treat the file as written).
-bool OverwriteFile(const std::string& path, const std::string& text, int& openErrno)
+// Replaces the file with `text` so that sshd and PAM only ever read the whole
+// old or the whole new file (see FileUtils::ReplaceFile), whatever happens to
+// the agent meanwhile. A file that cannot be replaced is logged, with errno,
+// in the caller's words and counts as the step's failure: the original stays.
+bool ReplaceConfigFile(const std::string& path, const std::string& text, const char* openFailure,
+                       const char* writeFailure)
 {
-    std::ofstream file(path, std::ios::out | std::ios::trunc | std::ios::binary);
-    if (!file.is_open()) {
-        openErrno = errno;
-        return false;
+    const SDK::FileUtils::ReplaceResult result = SDK::FileUtils::ReplaceFile(path, text);
+    if (result == SDK::FileUtils::REPLACE_OK) {
+        return true;
     }
-    file.write(text.data(), static_cast<std::streamsize>(text.size()));
-    file.close();
-    return true;
+    const int replaceErrno = errno;
+    TFA_LOG_ERROR(result == SDK::FileUtils::REPLACE_OPEN_FAILED ? openFailure : writeFailure, path, replaceErrno);
+    return false;
 }
 
 } // namespace
@@ -498,9 +558,8 @@ bool TwoFactorAuthenticationTask::SwitchSshdConfig(bool switchOn)
     }
     input.close();
 
-    int openErrno = 0;
-    if (!OverwriteFile(sshdConfigPath, output, openErrno)) {
-        TFA_LOG_ERROR("Open sshd config file(%s) failed, errno(%d).", sshdConfigPath, openErrno);
+    if (!ReplaceConfigFile(sshdConfigPath, output, "Open sshd config file(%s) failed, errno(%d).",
+                           "Write sshd config file(%s) failed, errno(%d).")) {
         return false;
     }
     return RestartSsh();
@@ -526,20 +585,12 @@ bool TwoFactorAuthenticationTask::RestartSsh()
 namespace {
 
 const std::string pam_unix_module = "pam_unix.so";
-const std::string pam_line_skip_form = "auth [success=1 default=ignore] pam_brackmoor.so ";
-const std::string pam_line_sufficient_form = "auth sufficient pam_brackmoor.so ";
 
 } // namespace
 
 std::string TwoFactorAuthenticationTask::GenerateParameters()
 {
-    std::string arguments = "refresh_time=" + std::to_string(refreshTime) + " echo=" + std::to_string(echo) +
-                            " local=" + std::to_string(local);
-    for (size_t i = 0; i < excludeUserList.size(); ++i) {
-        arguments += (i == 0) ? " exclude_user_list=" : ";";
-        arguments += excludeUserList[i];
-    }
-    return arguments;
+    return PamLine::FormatArguments(refreshTime, echo, local, excludeUserList);
 }
 
 bool TwoFactorAuthenticationTask::ReplaceSufficientToRequired(const std::string& line, std::string& out)
@@ -597,7 +648,7 @@ bool TwoFactorAuthenticationTask::GeneratePamBm(const std::string& originName)
             std::string out;
             const bool dropped = ReplaceSufficientToRequired(line, out);
             out += "\n";
-            out += dropped ? pam_line_skip_form : pam_line_sufficient_form;
+            out += dropped ? PamLine::skip_form : PamLine::sufficient_form;
             out += GenerateParameters();
             out += "\n";
             output += out;
@@ -614,12 +665,8 @@ bool TwoFactorAuthenticationTask::GeneratePamBm(const std::string& originName)
     if (!inserted) {
         return false;
     }
-    int openErrno = 0;
-    if (!OverwriteFile(pamIncludePath, output, openErrno)) {
-        TFA_LOG_ERROR("Open pam bm config file(%s) failed, errno(%d).", pamIncludePath, openErrno);
-        return false;
-    }
-    return true;
+    return ReplaceConfigFile(pamIncludePath, output, "Open pam bm config file(%s) failed, errno(%d).",
+                             "Write pam bm config file(%s) failed, errno(%d).");
 }
 
 // ---------------------------------------------------------------------------
@@ -665,12 +712,8 @@ bool TwoFactorAuthenticationTask::SwitchAuth(bool on)
     // no abnormal or already switched include line, switching off found both
     // the commented original and the added line.
     if ((on && switchState == 0) || (!on && switchState == 3)) {
-        int openErrno = 0;
-        if (!OverwriteFile(pamSshdPath, output, openErrno)) {
-            TFA_LOG_ERROR("Open pam sshd config file(%s) failed, errno(%d).", pamSshdPath, openErrno);
-            return false;
-        }
-        return true;
+        return ReplaceConfigFile(pamSshdPath, output, "Open pam sshd config file(%s) failed, errno(%d).",
+                                 "Write pam sshd config file(%s) failed, errno(%d).");
     }
     if (switchState == 1) {
         // Already in the wanted shape as far as can be told: the caller goes
@@ -879,6 +922,20 @@ bool TwoFactorAuthenticationTask::CopyAuthModule()
         anyInstalled = true;
     }
     return anyInstalled;
+}
+
+void TwoFactorAuthenticationTask::RemoveStaleTemporaries()
+{
+    std::vector<std::string> paths = {sshdConfigPath, pamSshdPath, pamIncludePath};
+    for (const char* dir : pam_module_dirs) {
+        paths.push_back(dir + pam_module_file);
+    }
+    for (const std::string& path : paths) {
+        const int removed = SDK::FileUtils::RemoveStaleTemporaries(path);
+        if (removed > 0) {
+            TFA_LOG_WARNING("Remove stale temporary files(%d) of (%s).", removed, path);
+        }
+    }
 }
 
 void TwoFactorAuthenticationTask::DeleteAuthModule()

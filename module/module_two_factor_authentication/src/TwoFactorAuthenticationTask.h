@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/un.h>
 
 #include <ctime>
@@ -45,6 +46,9 @@ public:
     int Run() override;
     /// Copies the framework's current policy into the task; false when there is none.
     bool GetPolicy();
+    /// Removes temporary files that an interrupted replacement of one of the
+    /// task's files left behind.
+    void RemoveStaleTemporaries();
 
     // PAM IPC server.
 
@@ -54,8 +58,10 @@ public:
     void CloseSocket();
     /// Receives and answers one request; 0 when dispatched, -1 when invalid or unreadable.
     int SocketEventAction(int fd, unsigned int events, void* data);
-    /// Sends `result` as decimal text plus NUL to `addr`.
+    /// Sends `result` as decimal text plus NUL to `addr`, without waiting.
     void SendResponse(const struct sockaddr_un& addr, unsigned int addrLen, int result);
+    /// Logs, at most once a second, a request from a sender other than root.
+    void RefuseSender(const struct ucred& sender);
 
     // sshd_config line editing and switching.
 
@@ -126,6 +132,7 @@ public:
     Framework::Event* ipcEvent = nullptr;          ///< owned; watches socketFd
     time_t commListUpdateTime = 0;                 ///< when commList was filled; 0 never
     std::vector<std::string> commList;             ///< permitted contact hashes
+    time_t refusedSenderLogTime = 0;               ///< when a foreign sender was last logged
 };
 
 } // namespace Engine

@@ -146,7 +146,7 @@ TEST_F(ActivationTest, EveryFailingStepRollsBackAllThatNothingNamesAnyMore)
                                       "I No (KbdInteractiveAuthentication) config."};
     const std::string authFailed = "E Switch on auth config failed" + cannot;
     const std::string sshdFailed = "E Switch on sshd challenge config failed" + cannot;
-    const std::string serviceReadOnly = "E Open pam sshd config file(ROOT/pam.d/sshd) failed, errno(30).";
+    const std::string serviceReadOnly = "E Write pam sshd config file(ROOT/pam.d/sshd) failed, errno(16).";
     const std::vector<std::string> dirs = {x86Dir, lib64Dir};
     const Row rows[] = {
         {"UsePAM no\n", serviceOff, "", dirs, true,
@@ -163,7 +163,7 @@ TEST_F(ActivationTest, EveryFailingStepRollsBackAllThatNothingNamesAnyMore)
         {"UsePAM yes\n", serviceOff, "", dirs, true, {copied[0], copied[1], noKeywords[0], noKeywords[1], sshdFailed},
          "", false},
         {sshdOff, serviceOff, "sshd_config", dirs, true,
-         {copied[0], copied[1], noKeywords[0], "E Open sshd config file(ROOT/sshd_config) failed, errno(30).",
+         {copied[0], copied[1], noKeywords[0], "E Write sshd config file(ROOT/sshd_config) failed, errno(16).",
           sshdFailed},
          "", false},
         // The service file cannot be switched back and still includes our
