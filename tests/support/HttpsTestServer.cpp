@@ -1,7 +1,9 @@
 #include "TestSupport/HttpsTestServer.h"
 
 #include <condition_variable>
+#include <chrono>
 #include <deque>
+#include <thread>
 #include <mutex>
 
 #include <Poco/Net/Context.h>
@@ -10,9 +12,11 @@
 #include <Poco/Net/HTTPServer.h>
 #include <Poco/Net/HTTPServerParams.h>
 #include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerRequestImpl.h>
 #include <Poco/Net/HTTPServerResponse.h>
 #include <Poco/Net/NetSSL.h>
 #include <Poco/Net/SecureServerSocket.h>
+#include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/StreamCopier.h>
 #include <Poco/ThreadPool.h>
 #include <Poco/URI.h>
@@ -62,6 +66,9 @@ public:
         for (const auto& header : request) {
             recorded.headers[header.first] = header.second;
         }
+        if (auto* impl = dynamic_cast<Poco::Net::HTTPServerRequestImpl*>(&request)) {
+            recorded.resumedTls = Poco::Net::SecureStreamSocket(impl->socket()).sessionWasReused();
+        }
         Poco::StreamCopier::copyToString(request.stream(), recorded.body);
         ScriptedAnswer answer;
         if (!state->Take(std::move(recorded), answer)) {
@@ -71,10 +78,25 @@ public:
         for (const auto& header : answer.headers) {
             response.set(header.first, header.second);
         }
-        response.setContentLength(static_cast<std::streamsize>(answer.body.size()));
-        // A client that gave up while the request stalled makes this throw,
-        // which the server catches; nobody is left to tell.
-        response.send() << answer.body;
+        if (answer.chunked) {
+            response.setChunkedTransferEncoding(true);
+        } else {
+            response.setContentLength(static_cast<std::streamsize>(answer.body.size()));
+        }
+        // A client that gave up makes this throw, which the server catches;
+        // nobody is left to tell.
+        std::ostream& out = response.send();
+        if (answer.dripMs <= 0) {
+            out << answer.body;
+            return;
+        }
+        for (char c : answer.body) {
+            out << c << std::flush;
+            std::this_thread::sleep_for(std::chrono::milliseconds(answer.dripMs));
+            if (!out) {
+                return;
+            }
+        }
     }
 
 private:
@@ -110,6 +132,11 @@ HttpsTestServer::HttpsTestServer(const std::string& cert, const std::string& key
 
 HttpsTestServer::~HttpsTestServer()
 {
+    Stop();
+}
+
+void HttpsTestServer::Stop()
+{
     if (!runtime) {
         return;
     }
@@ -120,16 +147,18 @@ HttpsTestServer::~HttpsTestServer()
     state->released.notify_all();
     runtime->server->stopAll(true);
     runtime->threads.joinAll();
+    runtime.reset();
 }
 
-bool HttpsTestServer::Start(std::string& error)
+bool HttpsTestServer::Start(std::string& error, unsigned short port)
 {
     try {
         static std::once_flag sslReady;
         std::call_once(sslReady, [] { Poco::Net::initializeSSL(); });
         Poco::Net::Context::Ptr context(new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, keyFile,
                                                                certFile, "", Poco::Net::Context::VERIFY_NONE));
-        Poco::Net::SecureServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0), 64, context);
+        context->enableSessionCache(true, "brackmoor-test");
+        Poco::Net::SecureServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", port), 64, context);
         Poco::AutoPtr<Poco::Net::HTTPServerParams> params(new Poco::Net::HTTPServerParams);
         params->setKeepAlive(false);
         // Bounds how long the destructor waits for a client that connected and went quiet.

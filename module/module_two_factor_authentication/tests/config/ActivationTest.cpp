@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include "ConfigTestSupport.h"
 
@@ -194,6 +195,84 @@ TEST_F(ActivationTest, EveryFailingStepRollsBackAllThatNothingNamesAnyMore)
         EXPECT_EQ(task->installedModulePaths, row.copiesKept ? bothCopies : Paths{});
         EXPECT_EQ(ModuleCopies(), row.copiesKept ? bothCopies : Paths{});
     }
+}
+
+// A small tmpfs at `dir` while the object lives, filled up once Fill is called.
+class TinyDisk {
+public:
+    explicit TinyDisk(const std::string& directory) : dir(directory)
+    {
+        fs::create_directories(dir);
+        ok = mount("tiny", dir.c_str(), "tmpfs", 0, "size=64k") == 0;
+    }
+    ~TinyDisk()
+    {
+        if (ok) {
+            umount2(dir.c_str(), MNT_DETACH);
+        }
+    }
+    void Fill()
+    {
+        std::ofstream filler(dir + "/filler", std::ios::binary);
+        const std::string block(4096, 'x');
+        while (filler.write(block.data(), block.size())) {
+        }
+    }
+    bool ok = false;
+
+private:
+    std::string dir;
+};
+
+TEST_F(ActivationTest, FullDisksAndPlantedLinksNeverCutOrRedirectAFile)
+{
+    const std::string noSpace = "errno(" + std::to_string(ENOSPC) + ").";
+    const struct {
+        const char* fullDir;  // under the root
+        Records failure;      // what is logged after the copies
+    } rows[] = {
+        {"pam.d", {"E Write pam bm config file(ROOT/pam.d/brackmoor-auth) failed, " + noSpace,
+                   "E Generate pam bm config file failed.", "E Switch on auth config failed, two-factor "
+                                                            "authentication cannot be used."}},
+        {"ssh", {"I No (ChallengeResponseAuthentication) config.",
+                 "E Write sshd config file(ROOT/ssh/sshd_config) failed, " + noSpace,
+                 "E Switch on sshd challenge config failed, two-factor authentication cannot be used."}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.fullDir);
+        TinyDisk disk(root.File(row.fullDir));
+        ASSERT_TRUE(disk.ok) << std::strerror(errno);
+        Prepare(sshdOff, serviceOff, {x86Dir, lib64Dir});
+        task->sshdConfigPath = root.File("ssh/sshd_config");
+        WriteText(task->sshdConfigPath, sshdOff);
+        disk.Fill();
+        log.Clear();
+
+        EXPECT_FALSE(task->OpenPam());
+        Records expected = {Copied(x86Dir), Copied(lib64Dir)};
+        expected.insert(expected.end(), row.failure.begin(), row.failure.end());
+        EXPECT_EQ(log.Records(), expected);
+        EXPECT_EQ(ReadText(task->sshdConfigPath), sshdOff);
+        EXPECT_EQ(ReadText(task->pamSshdPath), serviceOff);
+        EXPECT_EQ(ModuleCopies(), Paths{});
+        for (const std::string& dir : {root.File("pam.d"), root.File("ssh")}) {
+            for (const auto& entry : fs::directory_iterator(dir)) {
+                EXPECT_EQ(entry.path().filename().string().find(".brackmoor-new."), std::string::npos)
+                    << "left behind: " << entry.path();
+            }
+        }
+    }
+
+    // A link planted where the include file goes is replaced, its target untouched.
+    Prepare(sshdOff, serviceOff, {x86Dir});
+    const std::string target = root.File("outside-target");
+    WriteText(target, "precious\n");
+    fs::remove(task->pamIncludePath);
+    fs::create_symlink(target, task->pamIncludePath);
+    ASSERT_TRUE(task->OpenPam());
+    EXPECT_EQ(ReadText(target), "precious\n");
+    EXPECT_FALSE(fs::is_symlink(task->pamIncludePath));
+    EXPECT_EQ(ReadText(task->pamIncludePath), generatedInclude);
 }
 
 TEST_F(ActivationTest, CopyFailingInOneDirectoryGoesOnToTheNext)

@@ -20,6 +20,33 @@ const std::string kValid = R"({"content":{"refresh_time":42,"echo":0,"local":1,"
 const char* const kPolicyFile = "TwoFactorAuthenticationPolicy.cpp";
 const char* const kModuleFile = "TwoFactorAuthenticationModule.cpp";
 
+std::string Name(size_t length, char c)
+{
+    return std::string(length, c);
+}
+
+/// A document excluding `count` users of 32 characters each.
+std::string ManyNames(int refreshTime, size_t count)
+{
+    std::string users;
+    for (size_t i = 0; i < count; ++i) {
+        users += (i == 0 ? "\"" : ",\"") + Name(32, 'n') + "\"";
+    }
+    return R"({"content":{"refresh_time":)" + std::to_string(refreshTime) + R"(,"exclude_user_list":[)" + users +
+           "]}}";
+}
+
+std::string UserList(const std::string& elements)
+{
+    return R"({"content":{"exclude_user_list":[)" + elements + "]}}";
+}
+
+std::string InvalidUser(const std::string& elements, int index)
+{
+    return "Parse task(" + kFeature + ") policy(" + UserList(elements) + ") exclude user(" + std::to_string(index) +
+           ") invalid.";
+}
+
 TEST(PolicyTest, AcceptedDocumentGivesItsValuesAndNamesTheTask)
 {
     const struct {
@@ -36,6 +63,10 @@ TEST(PolicyTest, AcceptedDocumentGivesItsValuesAndNamesTheTask)
         {R"({"content":{"refresh_time":"600","echo":true,"local":null,"exclude_user_list":[]}})", 300, 1, 1, {}},
         {"{\"content\":{\"exclude_user_list\":[\" alice \",\"alice\",\"\\t\"]}}", 300, 1, 1, {"alice", "alice"}},
         {"  {\"id\":1,\"content\":{\"local\":1,\"x\":[],\"exclude_user_list\":[\"u\"]}}\n", 300, 1, 1, {"u"}},
+        {R"({"content":{"exclude_user_list":["a.b_c-d","svc$","u@ad.example",")" + Name(32, 'x') + R"("]}})", 300, 1,
+         1, {"a.b_c-d", "svc$", "u@ad.example", Name(32, 'x')}},
+        // The longest module line Linux-PAM reads whole: 1022 characters.
+        {ManyNames(300, 28), 300, 1, 1, std::vector<std::string>(28, Name(32, 'n'))},
     };
     for (const auto& c : cases) {
         TfaTest::LogCapture log;
@@ -68,6 +99,19 @@ TEST(PolicyTest, RejectedDocumentIsLoggedWhole)
          list + R"({"content":{"refresh_time":600}}) exclude user list failed.)"},
         {R"({"content":{"exclude_user_list":"root"}})",
          list + R"({"content":{"exclude_user_list":"root"}}) exclude user list failed.)"},
+        // Names that would end the argument, split the list, cut or add PAM lines.
+        {UserList(R"("x\nauth sufficient pam_permit.so")"), InvalidUser(R"("x\nauth sufficient pam_permit.so")", 0)},
+        {UserList(R"("x exclude_user_list=bob")"), InvalidUser(R"("x exclude_user_list=bob")", 0)},
+        {UserList(R"("root","x;bob")"), InvalidUser(R"("root","x;bob")", 1)},
+        {UserList(R"("x#y")"), InvalidUser(R"("x#y")", 0)},
+        {UserList(R"("x\u0000y")"), InvalidUser(R"("x\u0000y")", 0)},
+        {UserList(R"("-x")"), InvalidUser(R"("-x")", 0)},
+        {UserList(R"("x\ty")"), InvalidUser(R"("x\ty")", 0)},
+        {UserList(R"("jos\u00e9")"), InvalidUser(R"("jos\u00e9")", 0)},
+        {UserList("\"" + Name(33, 'x') + "\""), InvalidUser("\"" + Name(33, 'x') + "\"", 0)},
+        // One character over the PAM line, and far over it.
+        {ManyNames(3000, 28), list + ManyNames(3000, 28) + ") exclude user list too long."},
+        {ManyNames(300, 10000), list + ManyNames(300, 10000) + ") exclude user list too long."},
     };
     for (const auto& c : cases) {
         TfaTest::LogCapture log;

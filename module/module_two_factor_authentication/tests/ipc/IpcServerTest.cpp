@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -151,6 +152,58 @@ TEST_F(IpcServerTest, EachReplyGoesToItsSender)
     EXPECT_EQ(client.Receive(2000).value_or(""), Reply("1"));
     EXPECT_EQ(other.Receive(2000).value_or(""), Reply("2"));
     EXPECT_FALSE(client.Receive(0).has_value());
+}
+
+// A request from `uid`, sent by a child process that drops to that user; its reply.
+std::string AskAs(uid_t uid, const std::string& datagram, Engine::TwoFactorAuthenticationTask& task)
+{
+    int result[2];
+    if (pipe(result) != 0) {
+        return "<no pipe>";
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        close(result[0]);
+        std::string reply = "<none>";
+        if (setresgid(uid, uid, uid) == 0 && setresuid(uid, uid, uid) == 0) {
+            TfaTest::IpcClient foreign;
+            reply = foreign.Ask(datagram, 5000).value_or("<no reply>");
+        }
+        (void)!write(result[1], reply.data(), reply.size());
+        _exit(0);
+    }
+    close(result[1]);
+    task.SocketEventAction(task.socketFd, 1, nullptr);
+    char buffer[64];
+    const ssize_t n = read(result[0], buffer, sizeof(buffer));
+    close(result[0]);
+    waitpid(child, nullptr, 0);
+    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "<nothing>";
+}
+
+TEST_F(IpcServerTest, OnlyRootIsAnsweredAndRepliesNeverWait)
+{
+    task.commList = {TfaTest::Sha256Hex(kContact)};
+    task.commListUpdateTime = time(nullptr);
+    EXPECT_EQ(AskAs(65534, "1:" + kContact, task), Reply("3")) << "a listed contact, asked by nobody";
+    EXPECT_EQ(AskAs(65534, "2:123456", task), Reply("3"));
+    EXPECT_EQ(service.Server().RequestCount(), 0u) << "no code was requested for nobody";
+    const std::string dump = log.Dump();
+    size_t refusals = 0;
+    for (size_t at = 0; (at = dump.find("Refuse client msg from uid(65534), pid(", at)) != std::string::npos; ++at) {
+        ++refusals;
+    }
+    EXPECT_GE(refusals, 1u);
+    EXPECT_LE(refusals, 2u) << "at most one record a second";
+
+    // A root client that never reads its replies: once its queue is full the
+    // replies are dropped at once instead of holding up the requests behind.
+    for (int i = 0; i < 600; ++i) {
+        ASSERT_EQ(client.Send("1:" + kContact), 0);
+        task.SocketEventAction(task.socketFd, 1, nullptr);
+    }
+    EXPECT_TRUE(log.Has(Message::PRIO_ERROR, "Send response failed, errno(11).")) << log.Dump();
+    EXPECT_EQ(client.Receive(100).value_or(""), Reply("1"));
 }
 
 TEST_F(IpcServerTest, CloseSocketNeverClosesDescriptorZero)

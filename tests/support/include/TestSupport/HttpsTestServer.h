@@ -14,6 +14,7 @@ struct RecordedRequest {
     std::map<std::string, std::string> query;  ///< decoded parameters
     std::map<std::string, std::string> headers;
     std::string body;
+    bool resumedTls = false;  ///< the client resumed an earlier TLS session
 };
 
 /// What the server answers to one request.
@@ -21,13 +22,16 @@ struct ScriptedAnswer {
     int status = 200;
     std::string body;
     std::map<std::string, std::string> headers;
+    bool chunked = false;  ///< no Content-Length: the body as one chunk
+    int dripMs = 0;        ///< write the body a byte at a time, this far apart
 };
 
 /// An HTTPS server on 127.0.0.1 and an ephemeral port, a real TLS peer for
 /// client tests. It records every request and answers with the answers
 /// queued for the request's path, in order, then with 200 and an empty body.
 /// In stall mode it accepts requests and never answers, until stall mode ends
-/// or the server goes away. The destructor waits for every connection
+/// or the server goes away. It keeps a TLS session cache and issues tickets,
+/// so clients can resume sessions. The destructor waits for every connection
 /// thread, so no thread outlives the object.
 class HttpsTestServer {
 public:
@@ -37,8 +41,11 @@ public:
     HttpsTestServer(const HttpsTestServer&) = delete;
     HttpsTestServer& operator=(const HttpsTestServer&) = delete;
 
-    /// Binds and starts serving; false with `error` saying why.
-    bool Start(std::string& error);
+    /// Binds (`port`, or an ephemeral one) and starts serving; false with
+    /// `error` saying why.
+    bool Start(std::string& error, unsigned short port = 0);
+    /// Stops serving and closes the port; waits for every connection thread.
+    void Stop();
     /// The bound port (0 before Start).
     unsigned short Port() const;
     /// "localhost:<port>", the form a client configuration takes.
