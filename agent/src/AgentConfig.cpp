@@ -58,6 +58,7 @@ struct KeyRule {
 const KeyRule kAgentKeys[] = {
     {"module_dir", false, kAbsolutePath, [](AgentSettings& s, PolicyFeed&) { return &s.moduleDir; }},
     {"pid_file", false, kAbsolutePath, [](AgentSettings& s, PolicyFeed&) { return &s.pidFile; }},
+    {"state_dir", false, kAbsolutePath, [](AgentSettings& s, PolicyFeed&) { return &s.stateDir; }},
 };
 
 const KeyRule kFeedKeys[] = {
@@ -169,6 +170,7 @@ bool AgentConfig::Load(const std::string& path, const std::string& policyOverrid
     loaded.installationPath = config->GetInstallationPath();
     loaded.moduleDir = loaded.installationPath + "lib/modules/";
     loaded.pidFile = kDefaultPidFile;
+    loaded.stateDir = kDefaultStateDir;
     loaded.logDir = config->GetLogDir();
     loaded.logLevel = config->GetLogLevel();
 

@@ -23,6 +23,7 @@ namespace Agent {
 class AgentConfig {
 public:
     static constexpr const char* kDefaultPidFile = "/run/brackmoor-agent.pid";
+    static constexpr const char* kDefaultStateDir = "/var/lib/brackmoor";
 
     /// Loads `path`. A non-empty `policyOverride` replaces the file of the
     /// first feed. False with `error` as one line "<file>: <what> <key>"

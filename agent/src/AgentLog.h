@@ -28,4 +28,5 @@ void AgentLogWrite(int priority, const std::string& text, const char* file, int 
 
 #define AGENT_LOG_ERROR(text) AGENT_LOG(Poco::Message::PRIO_ERROR, text)
 #define AGENT_LOG_WARNING(text) AGENT_LOG(Poco::Message::PRIO_WARNING, text)
+#define AGENT_LOG_NOTICE(text) AGENT_LOG(Poco::Message::PRIO_NOTICE, text)
 #define AGENT_LOG_INFO(text) AGENT_LOG(Poco::Message::PRIO_INFORMATION, text)

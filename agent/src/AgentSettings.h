@@ -22,6 +22,7 @@ struct AgentSettings {
     std::string installationPath;  ///< ends with "/"
     std::string moduleDir;         ///< every *.so in it is loaded
     std::string pidFile;           ///< holds the single-instance lock
+    std::string stateDir;          ///< the activation journal (ActivationJournal)
     std::string logDir;
     std::string logLevel;
     std::vector<PolicyFeed> feeds;  ///< in the order of their sections

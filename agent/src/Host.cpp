@@ -9,6 +9,7 @@
 #include <iostream>
 #include <thread>
 
+#include "ActivationJournal.h"
 #include "AgentConfig.h"
 #include "AgentLog.h"
 #include "ModuleHost.h"
@@ -119,17 +120,28 @@ int Host::Run(const CommandLine& options)
     AGENT_LOG_INFO(std::string("brackmoor-agent ") + BRACKMOOR_VERSION + " starting (pid " +
                    std::to_string(getpid()) + ", configuration " + settings.configPath + ").");
 
+    ActivationJournal journal(settings.stateDir);
+    if (!journal.Open(error)) {
+        AGENT_LOG_ERROR(error + "; not starting.");
+        PrintError(error);
+        return kExitFailure;
+    }
+
     ModuleHost host;
     host.LoadDirectory(settings.moduleDir);
+    PolicyFeeder feeder(settings.feeds, &journal);
     // Asked to stop meanwhile: switch nothing on only to switch it off again.
     if (!TerminationPending()) {
-        PolicyFeeder feeder(settings.feeds);
+        feeder.RecoverUncleanStop(host);
         feeder.Deliver(host, false);
-        AGENT_LOG_INFO("brackmoor-agent running.");
+        // Notice: the moment every policy has been pushed is worth a record
+        // also where routine progress is not logged.
+        AGENT_LOG_NOTICE("brackmoor-agent running.");
         ServeSignals(host, feeder);
     }
     ShutDown(host);
-    AGENT_LOG_INFO("brackmoor-agent stopped.");
+    feeder.ForgetAfterCleanStop();
+    AGENT_LOG_NOTICE("brackmoor-agent stopped.");
     return kExitOk;
 }
 

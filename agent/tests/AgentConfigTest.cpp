@@ -59,7 +59,7 @@ const BadConfig kBadConfigs[] = {
      "bad value for policy.tfa.callback: '10 001' (a name without blanks)"},
     {"policy_feature_missing", "feature = ", "", "missing key policy.tfa.feature"},
     {"no_policy_section", "[policy.", "", "missing section [policy.NAME]"},
-    {"malformed_line", "feature = ", "feature = f\nthis is not a key", "malformed: line 18"},
+    {"malformed_line", "feature = ", "feature = f\nthis is not a key", "malformed: line 19"},
     {"writable_by_others", "id = ", "id = agent-7", "writable by group or others", 0664},
     {"file_missing", "id = ", "id = agent-7", "cannot read: No such file or directory", 0},
 };

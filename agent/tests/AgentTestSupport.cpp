@@ -45,7 +45,7 @@ bool Eventually(const std::string& path, const std::string& text, std::chrono::m
 std::string ConfigText(const std::string& dir, const std::string& agentLine, const std::string& module,
                        const std::string& feature)
 {
-    return "[agent]\nid = agent-7\n" + agentLine + "\npid_file = " + dir + "/agent.pid\n"
+    return "[agent]\nid = agent-7\n" + agentLine + "\npid_file = " + dir + "/agent.pid\nstate_dir = " + dir + "/state\n"
            "[service]\naddress = 127.0.0.1:9\nca_file = " + dir + "/ca.pem\n"
            "auth_token_file = " + dir + "/token\nconnect_timeout = 5\n"
            "[log]\ndir = " + dir + "/log\nlevel = information\n"
