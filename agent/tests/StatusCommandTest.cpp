@@ -8,6 +8,7 @@
 
 #include "AgentTestSupport.h"
 #include "CommandLine.h"
+#include "PidFile.h"
 #include "TestSupport/TempDir.h"
 #include "status/StatusCommand.h"
 
@@ -17,6 +18,8 @@ namespace {
 
 const char* const kPamDir = "/lib/x86_64-linux-gnu/security/";
 const char* const kSshdOn = "port 22\\nusepam yes\\nkbdinteractiveauthentication yes\\n";
+const char* const kPolicy = R"({"content":{"refresh_time":300,"exclude_user_list":[]}})";
+const char* const kPolicyExcludingBob = R"({"content":{"refresh_time":300,"exclude_user_list":["bob"]}})";
 
 /// A system on which the agent has switched the second factor on. In
 /// sshd_config keywords are case-blind and the first value wins.
@@ -33,6 +36,11 @@ void WriteSwitchedSystem(const std::string& root)
               "auth\trequisite\t\t\tpam_deny.so\n");
     WriteFile(root + kPamDir + "pam_unix.so", "");
     WriteFile(root + kPamDir + "pam_brackmoor.so", "");
+    WriteFile(root + "/etc/brackmoor/agent.conf",
+              "[agent]\nid = a\npid_file = /run/agent.pid\n[service]\naddress = v:1\nca_file = /ca\n"
+              "auth_token_file = /t\n[policy.tfa]\nfile = /etc/brackmoor/tfa.json\n"
+              "module = two_factor_authentication_module\ncallback = 10001\nfeature = f\n");
+    WriteFile(root + "/etc/brackmoor/tfa.json", kPolicy);
 }
 
 /// A stand-in for sshd -T: prints `settings`, or fails with `failure` when that is not empty.
@@ -68,12 +76,26 @@ TEST(StatusCommandTest, SwitchedSystemIsInForceWithOrWithoutSshd)
         "[ ok ] /etc/pam.d/sshd: includes brackmoor-auth (line 3)",
         "calls pam_brackmoor.so (line 2): refresh_time=300 echo=1 local=1",
         "[ ok ] sshd -T: kbdinteractiveauthentication yes",
+        "[ ok ] policy: brackmoor-auth arguments match " + dir.Path() + "/etc/brackmoor/tfa.json",
         "[info] agent: not running",
         "second factor: in force\n",
     };
     for (const std::string& line : expected) {
         EXPECT_NE(run.output.find(line), std::string::npos) << line << "\n" << run.output;
     }
+    // A running agent pushes a changed file when told to reload: a warning.
+    Agent::PidFile agent;
+    std::string error;
+    WriteFile(dir.File("run/agent.pid"), "");
+    ASSERT_TRUE(agent.Acquire(dir.File("run/agent.pid"), error)) << error;
+    WriteFile(dir.File("etc/brackmoor/tfa.json"), kPolicyExcludingBob);
+    run = RunStatus(dir.Path(), FakeSshd(dir.Path(), kSshdOn));
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_NE(run.output.find("[warn] policy: brackmoor-auth has 'refresh_time=300 echo=1 local=1', " +
+                              dir.Path() + "/etc/brackmoor/tfa.json makes 'refresh_time=300 echo=1 local=1 "
+                              "exclude_user_list=bob': the file changed since it was pushed"),
+              std::string::npos)
+        << run.output;
     run = RunStatus(dir.Path(), dir.File("no-sshd-here"));
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_NE(run.output.find("is not installed; effective settings not checked"), std::string::npos);
@@ -117,6 +139,11 @@ const Breakage kBreakages[] = {
     {"sshd_reports_keyboard_interactive_off", nullptr, nullptr,
      "kbdinteractiveauthentication no: sshd will not ask for the second factor",
      "usepam yes\\nkbdinteractiveauthentication no\\n"},
+    {"service_mode_without_agent", "/etc/pam.d/brackmoor-auth",
+     "auth required pam_unix.so\nauth sufficient pam_brackmoor.so refresh_time=300 echo=1 local=0\n",
+     "the PAM module asks it for every login (not local=1): every user who is not excluded is refused"},
+    {"arguments_left_by_a_killed_agent", "/etc/brackmoor/tfa.json", kPolicyExcludingBob,
+     "makes 'refresh_time=300 echo=1 local=1 exclude_user_list=bob': left by an agent that did not stop cleanly"},
     {"sshd_refuses_the_configuration", nullptr, nullptr,
      "failed (Bad configuration option: Frobnicate): sshd would not start with this configuration", "",
      "Bad configuration option: Frobnicate"},

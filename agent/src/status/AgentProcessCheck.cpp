@@ -11,14 +11,19 @@ namespace {
 
 const char* const kSubject = "agent";
 
+/// The PAM module checks codes itself only with "local=1"; any other value,
+/// or none, makes it ask the agent.
 bool ServiceMode(const std::string& moduleArguments)
 {
+    if (moduleArguments.empty()) {
+        return false;
+    }
     for (const std::string& argument : TextFile::Fields(moduleArguments)) {
-        if (argument == "local=0") {
-            return true;
+        if (argument == "local=1") {
+            return false;
         }
     }
-    return false;
+    return true;
 }
 
 } // namespace
@@ -30,8 +35,9 @@ CheckResults AgentProcessCheck::Inspect(const std::string& pidFile, const std::s
         return {{CheckLevel::Info, kSubject, "running" + (pid > 0 ? " (pid " + std::to_string(pid) + ")" : "")}};
     }
     if (ServiceMode(moduleArguments)) {
-        return {{CheckLevel::Warning, kSubject,
-                 "not running (" + pidFile + " is not locked), but the PAM module is set to ask it (local=0)"}};
+        return {{CheckLevel::Fail, kSubject,
+                 "not running (" + pidFile + " is not locked), but the PAM module asks it for every login "
+                 "(not local=1): every user who is not excluded is refused"}};
     }
     return {{CheckLevel::Info, kSubject, "not running (" + pidFile + " is not locked)"}};
 }

@@ -6,9 +6,9 @@
 
 namespace Agent {
 
-/// Whether an agent holds its pid file's lock now. Informational: the
-/// files decide whether the second factor is in force; but with local=0 the
-/// PAM module asks the agent, so a stopped agent is worth a warning then.
+/// Whether an agent holds its pid file's lock now. Informational in local
+/// mode; in service mode the PAM module asks the agent at every login, so a
+/// stopped agent locks every user out who is not excluded: a failure.
 class AgentProcessCheck {
 public:
     /// `moduleArguments`: the include file's arguments of pam_brackmoor.so.

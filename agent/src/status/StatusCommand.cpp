@@ -7,6 +7,8 @@
 #include "ModuleCopiesCheck.h"
 #include "PamIncludeCheck.h"
 #include "PamServiceCheck.h"
+#include "PidFile.h"
+#include "PolicyMatchCheck.h"
 #include "SshdConfigCheck.h"
 #include "SshdEffectiveCheck.h"
 #include "StatusPaths.h"
@@ -36,20 +38,31 @@ void Append(CheckResults& all, const CheckResults& more)
     all.insert(all.end(), more.begin(), more.end());
 }
 
-/// The pid file the agent would lock, from the configuration when it loads.
-std::string PidFilePath(const CommandLine& options, const StatusPaths& paths, CheckResults& results)
+const char* const kTwoFactorModule = "two_factor_authentication_module";
+
+/// The agent's pid file and the two-factor feed's policy file, under the
+/// root, from the configuration when it loads.
+void ConfiguredFiles(const CommandLine& options, const StatusPaths& paths, std::string& pidFile,
+                     std::string& policyFile, CheckResults& results)
 {
+    pidFile = paths.Under(AgentConfig::kDefaultPidFile);
+    policyFile.clear();
     const std::string config = options.configGiven ? options.configPath : paths.Under(options.configPath);
     if (!options.configGiven && !TextFile::Exists(config)) {
-        return paths.Under(AgentConfig::kDefaultPidFile);
+        return;
     }
     AgentSettings settings;
     std::string error;
     if (!AgentConfig::Load(config, "", settings, error)) {
         results.push_back({CheckLevel::Warning, "configuration", error});
-        return paths.Under(AgentConfig::kDefaultPidFile);
+        return;
     }
-    return paths.Under(settings.pidFile);
+    pidFile = paths.Under(settings.pidFile);
+    for (const PolicyFeed& feed : settings.feeds) {
+        if (feed.module == kTwoFactorModule) {
+            policyFile = paths.Under(feed.file);
+        }
+    }
 }
 
 } // namespace
@@ -65,7 +78,12 @@ int StatusCommand::Run(const CommandLine& options, std::ostream& out)
     Append(results, PamIncludeCheck::Inspect(paths, switched, arguments));
     Append(results, ModuleCopiesCheck::Inspect(paths));
     Append(results, SshdEffectiveCheck::Inspect(paths, options.sshdPath));
-    const std::string pidFile = PidFilePath(options, paths, results);
+    std::string pidFile;
+    std::string policyFile;
+    ConfiguredFiles(options, paths, pidFile, policyFile, results);
+    long pid = 0;
+    const bool agentRunning = PidFile::IsHeld(pidFile, pid);
+    Append(results, PolicyMatchCheck::Inspect(policyFile, arguments, agentRunning));
     Append(results, AgentProcessCheck::Inspect(pidFile, arguments));
 
     if (!paths.root.empty()) {
