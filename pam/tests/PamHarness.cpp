@@ -1,6 +1,7 @@
 #include "PamHarness.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -10,6 +11,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace brackmoor::pam::test {
@@ -64,6 +66,21 @@ int Authenticate(const std::string& arguments, const std::string& user, Scripted
         pam_end(pamh, result);
     }
     return result;
+}
+
+int Pamtester(const std::string& stack, const std::string& user, const std::string& input)
+{
+#ifdef BRACKMOOR_SANITIZED
+    return 77; // an instrumented module cannot load into the uninstrumented pamtester
+#endif
+    if (system("command -v pamtester >/dev/null") != 0) {
+        return 77;
+    }
+    std::ofstream("/etc/pam.d/brackmoor-stack") << stack;
+    FILE* typing = popen(("pamtester brackmoor-stack " + user + " authenticate >/dev/null 2>&1").c_str(), "w");
+    std::fputs(input.c_str(), typing);
+    const int status = pclose(typing);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::vector<std::string> ExpectOutcome(const Outcome& expected, int result, const ScriptedUser& user,

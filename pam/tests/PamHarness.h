@@ -39,6 +39,12 @@ private:
 /// TakeSyslog() returns afterwards is this login's.
 int Authenticate(const std::string& arguments, const std::string& user, ScriptedUser& script);
 
+/// Runs pamtester (libpam's own terminal conversation) for `user` against the
+/// service /etc/pam.d/brackmoor-stack made of `stack`, with `input` as what
+/// the user types; its exit status, or 77 when pamtester cannot load the
+/// module (sanitized builds) or is missing.
+int Pamtester(const std::string& stack, const std::string& user, const std::string& input);
+
 /// How a login must end.
 struct Outcome {
     int result;

@@ -122,5 +122,30 @@ const Case kCases[] = {
 INSTANTIATE_TEST_SUITE_P(Cases, ServiceCase, testing::ValuesIn(kCases),
                          [](const testing::TestParamInfo<Case>& param) { return param.param.name; });
 
+// pam_unix before the module, "required" as in the agent's include file: a
+// wrong password must not make the service send a code.
+TEST(RealStack, AWrongPasswordAsksTheAgentNothing)
+{
+    ASSERT_EQ(system("id carol >/dev/null 2>&1 || useradd -M carol; echo 'carol:Right-1st' | chpasswd"), 0);
+    const std::string stack = std::string("auth required pam_unix.so nodelay\n") +
+                              "auth [success=1 default=ignore] " + BRACKMOOR_PAM_MODULE_PATH + " local=0\n" +
+                              "auth requisite pam_deny.so\nauth required pam_permit.so\n";
+    FakeAgent agent(AgentScript{kListed});
+    const std::string typed = std::string("\n") + kMail + "\n042137\n";
+    TakeSyslog();
+    const int wrong = Pamtester(stack, "carol", "wrong" + typed);
+    if (wrong == 77) {
+        GTEST_SKIP() << "pamtester cannot run this module";
+    }
+    EXPECT_NE(wrong, 0);
+    EXPECT_TRUE(agent.Requests().empty());
+    const std::vector<std::string> log = TakeSyslog();
+    EXPECT_TRUE(std::any_of(log.begin(), log.end(), [](const std::string& line) {
+        return line.find("user=carol rhost=(unknown) first factor failed, second factor skipped") != std::string::npos;
+    }));
+    EXPECT_EQ(Pamtester(stack, "carol", "Right-1st" + typed), 0);
+    EXPECT_EQ(agent.Requests().size(), 2u);
+}
+
 } // namespace
 } // namespace brackmoor::pam::test
