@@ -7,8 +7,8 @@
 // only a passed second factor, or a user on the exclusion list, may ever
 // return PAM_SUCCESS; every other path returns a failure code:
 //   PAM_AUTH_ERR          the password already failed, empty answer
-//   PAM_MAXTRIES          three wrong contacts or codes
-//   PAM_AUTHINFO_UNAVAIL  agent down, silent, untrusted or failing; secret store unusable
+//   PAM_MAXTRIES          three wrong contacts or codes; locked out after too many wrong codes
+//   PAM_AUTHINFO_UNAVAIL  agent down, silent, untrusted or failing; secret store or setting file unusable
 //   PAM_CONV_ERR          the conversation failed
 //   PAM_SYSTEM_ERR        the module's own socket or random source failed
 //   PAM_USER_UNKNOWN      no user name
@@ -83,7 +83,7 @@ int Authenticate(pam_handle_t* pamh, int flags, int argc, const char** argv)
 
     PamConversation conversation(pamh, (flags & PAM_SILENT) != 0);
     if (options.localMode) {
-        return LocalFactor(options, conversation, log, kTotpDirectory).Run(user);
+        return LocalFactor(options, conversation, log, kTotpDirectory, kSettingsFile).Run(user);
     }
     return ServiceFactor(options, conversation, log).Run();
 }
