@@ -116,46 +116,53 @@ int LocalFactor::LoadRecord(const std::string& user, OtpRecord* record)
 
 LocalFactor::Try LocalFactor::CheckTyped(const std::string& user, const std::string& typed)
 {
-    Try outcome;
     OtpRecord record;
-    const std::int64_t now = std::time(nullptr);
-    outcome.result = LoadRecord(user, &record);
-    // Another login may have reached the limit while this user was typing.
-    outcome.lockedFor = settings_.throttle.LockedFor(record, now);
-    const OtpVerdict verdict =
-        outcome.result != PAM_SUCCESS || outcome.lockedFor > 0 ? OtpVerdict::Wrong : Verify(&record, typed, now);
-    if (outcome.result != PAM_SUCCESS || outcome.lockedFor > 0 || verdict == OtpVerdict::BadSecret) {
-        outcome.outcome = outcome.lockedFor > 0 ? Outcome::Locked : Outcome::Failed;
-        outcome.result = verdict == OtpVerdict::BadSecret ? StoreFailed(StoreStatus::Corrupt, "read") : outcome.result;
-        store_.Close();
-        return outcome;
-    }
-    if (verdict == OtpVerdict::Accepted) {
-        Throttle::Clear(&record);
-    } else {
-        settings_.throttle.CountFailure(&record, now);
-    }
-    // Without the record of this code, or of this failure, the code could be
-    // replayed or the limit dodged: a store that cannot be written refuses.
-    const StoreStatus saved = storeOpen_ && accountExists_ ? store_.Save(user, record) : StoreStatus::Ok;
+    const Try outcome = CheckUnderLock(user, typed, std::time(nullptr), &record);
     store_.Close();
-    if (saved != StoreStatus::Ok) {
-        outcome.outcome = Outcome::Failed;
-        outcome.result = StoreFailed(saved, "record the outcome in");
-        return outcome;
-    }
-    if (verdict == OtpVerdict::Accepted) {
+    if (outcome.outcome == Outcome::Accepted) {
         log_.Accepted(acceptedBy_);
-        if (acceptedBy_.rfind("recovery", 0) == 0) {
+        if (recoveryCodeUsed_) {
             user_.Tell(prompts::kRecoveryCodeAccepted + std::to_string(record.recoveryHashes.size()) + ".");
         }
     }
-    outcome.lockedFor = verdict == OtpVerdict::Accepted ? 0 : settings_.throttle.LockedFor(record, now);
-    outcome.outcome = verdict == OtpVerdict::Accepted ? Outcome::Accepted
-                      : outcome.lockedFor > 0          ? Outcome::Locked
-                      : verdict == OtpVerdict::Reused  ? Outcome::Reused
-                                                       : Outcome::Wrong;
     return outcome;
+}
+
+LocalFactor::Try LocalFactor::CheckUnderLock(const std::string& user, const std::string& typed, std::int64_t now,
+                                             OtpRecord* record)
+{
+    const int loaded = LoadRecord(user, record);
+    if (loaded != PAM_SUCCESS) {
+        return {Outcome::Failed, loaded, 0};
+    }
+    // Another login may have reached the limit while this user was typing.
+    const std::int64_t lockedBefore = settings_.throttle.LockedFor(*record, now);
+    if (lockedBefore > 0) {
+        return {Outcome::Locked, PAM_MAXTRIES, lockedBefore};
+    }
+    const OtpVerdict verdict = Verify(record, typed, now);
+    if (verdict == OtpVerdict::BadSecret) {
+        return {Outcome::Failed, StoreFailed(StoreStatus::Corrupt, "read"), 0};
+    }
+    if (verdict == OtpVerdict::Accepted) {
+        Throttle::Clear(record);
+    } else {
+        settings_.throttle.CountFailure(record, now);
+    }
+    // Without the record of this code, or of this failure, the code could be
+    // replayed or the limit dodged: a store that cannot be written refuses.
+    const StoreStatus saved = storeOpen_ && accountExists_ ? store_.Save(user, *record) : StoreStatus::Ok;
+    if (saved != StoreStatus::Ok) {
+        return {Outcome::Failed, StoreFailed(saved, "record the outcome in"), 0};
+    }
+    if (verdict == OtpVerdict::Accepted) {
+        return {Outcome::Accepted, PAM_SUCCESS, 0};
+    }
+    const std::int64_t locked = settings_.throttle.LockedFor(*record, now);
+    const Outcome refused = locked > 0                        ? Outcome::Locked
+                            : verdict == OtpVerdict::Reused ? Outcome::Reused
+                                                            : Outcome::Wrong;
+    return {refused, PAM_AUTH_ERR, locked};
 }
 
 OtpVerdict LocalFactor::Verify(OtpRecord* record, const std::string& typed, std::int64_t now)
@@ -175,6 +182,7 @@ OtpVerdict LocalFactor::Verify(OtpRecord* record, const std::string& typed, std:
         return OtpVerdict::Wrong;
     }
     record->recoveryHashes.erase(record->recoveryHashes.begin() + recovery);
+    recoveryCodeUsed_ = true;
     acceptedBy_ = "recovery code; " + std::to_string(record->recoveryHashes.size()) + " left";
     return OtpVerdict::Accepted;
 }
@@ -191,7 +199,8 @@ OtpResult LocalFactor::CheckCode(OtpRecord* record, const std::string& typed, st
     if (!record->Enrolled()) {
         return OtpResult{};
     }
-    const bool tellsSkew = result.verdict == OtpVerdict::Accepted || (result.verdict == OtpVerdict::Wrong && result.skew != 0);
+    const bool tellsSkew =
+        result.verdict == OtpVerdict::Accepted || (result.verdict == OtpVerdict::Wrong && result.skew != 0);
     if (!tellsSkew || skewNoted_) {
         return result;
     }

@@ -42,9 +42,9 @@ private:
         Failed,   ///< the store failed; the login ends with `result`
     };
     struct Try {
-        Outcome outcome = Outcome::Wrong;
-        int result = PAM_AUTH_ERR;  ///< PAM result when Failed
-        std::int64_t lockedFor = 0; ///< seconds, when Locked
+        Outcome outcome;
+        int result;             ///< PAM result when Failed
+        std::int64_t lockedFor; ///< seconds, when Locked
     };
 
     /// Reads the setting file; PAM_SUCCESS when it may be used.
@@ -52,8 +52,10 @@ private:
     /// Locks the store and reads the user's record, an empty one when the
     /// user has none; PAM_SUCCESS when it is usable.
     int LoadRecord(const std::string& user, OtpRecord* record);
-    /// Checks one typed code under the store's lock and records the outcome.
+    /// Checks one typed code and records the outcome.
     Try CheckTyped(const std::string& user, const std::string& typed);
+    /// The part of CheckTyped done under the store's lock: read, check, write back.
+    Try CheckUnderLock(const std::string& user, const std::string& typed, std::int64_t now, OtpRecord* record);
     /// The verdict on `typed`, with the record updated for an accepted code.
     OtpVerdict Verify(OtpRecord* record, const std::string& typed, std::int64_t now);
     /// The TOTP or HOTP check, with the clock skew of this login noted.
@@ -73,8 +75,9 @@ private:
     /// accounts: no files for made-up names.
     bool storeOpen_ = false;
     bool accountExists_ = false;
-    /// How the accepted code was accepted, for the log.
+    /// How the accepted code was accepted, for the log and the user.
     std::string acceptedBy_;
+    bool recoveryCodeUsed_ = false;
     /// Clock skew counts once per login, however many tries it takes.
     bool skewNoted_ = false;
 };

@@ -42,7 +42,9 @@ SettingsStatus LocalSettings::Load(const std::string& path)
     UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!fd.Valid()) {
         lastError = errno;
-        return errno == ENOENT ? SettingsStatus::Ok : errno == ELOOP ? SettingsStatus::Insecure : SettingsStatus::IoError;
+        return errno == ENOENT  ? SettingsStatus::Ok
+               : errno == ELOOP ? SettingsStatus::Insecure
+                                : SettingsStatus::IoError;
     }
     struct stat info {};
     if (::fstat(fd.Get(), &info) != 0) {

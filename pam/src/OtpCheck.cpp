@@ -117,7 +117,8 @@ OtpResult CheckTotp(const std::string& base32Secret, const OtpParameters& parame
     }
     for (int distance = -reach; distance <= reach; ++distance) {
         const long long step = expected + distance;
-        if (step < 0 || !FactorHasCode(attempt.Secret(), parameters, static_cast<std::uint64_t>(step), attempt.Code())) {
+        if (step < 0 ||
+            !FactorHasCode(attempt.Secret(), parameters, static_cast<std::uint64_t>(step), attempt.Code())) {
             continue;
         }
         const bool inWindow = distance >= -static_cast<int>(parameters.window) &&

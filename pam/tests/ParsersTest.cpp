@@ -25,7 +25,8 @@ ModuleOptions Parse(std::vector<const char*> args)
 TEST(ModuleOptions, ReadsTheAgentsIncludeLine)
 {
     const ModuleOptions o = Parse({"refresh_time=301", "echo=1", nullptr, "local=1", "exclude_user_list=;u1;;u2;"});
-    EXPECT_EQ(std::make_tuple(o.refreshTime, o.echoCode, o.localMode, o.problems.size()), std::make_tuple(301, true, true, 0u));
+    EXPECT_EQ(std::make_tuple(o.refreshTime, o.echoCode, o.localMode, o.problems.size()),
+              std::make_tuple(301, true, true, 0u));
     EXPECT_EQ(o.excludedUsers, (std::vector<std::string>{"u1", "u2"}));
     EXPECT_TRUE(o.IsExcluded("u2"));
     for (const char* other : {"U2", "u", "u22", ""}) {
@@ -72,11 +73,14 @@ TEST(OtpCheck, TimeBasedCodesOfEveryAlgorithmWithinTheWindowAndOnlyOnce)
     constexpr std::time_t t = 1111111109; // a vector's time; its step is s
     constexpr std::uint64_t s = 37037036;
     using V = OtpVerdict;
-    const OtpParameters sha1{}, sha256{OtpKind::Totp, OtpAlgorithm::Sha256, 8}, sha512{OtpKind::Totp, OtpAlgorithm::Sha512, 8};
-    const OtpParameters sha1x8{OtpKind::Totp, OtpAlgorithm::Sha1, 8}, minute{OtpKind::Totp, OtpAlgorithm::Sha1, 6, 60};
-    const OtpParameters wide{OtpKind::Totp, OtpAlgorithm::Sha1, 6, 30, 3};
+    constexpr OtpKind T = OtpKind::Totp;
+    const OtpParameters sha1{}, sha256{T, OtpAlgorithm::Sha256, 8}, sha512{T, OtpAlgorithm::Sha512, 8};
+    const OtpParameters sha1x8{T, OtpAlgorithm::Sha1, 8}, minute{T, OtpAlgorithm::Sha1, 6, 60};
+    const OtpParameters wide{T, OtpAlgorithm::Sha1, 6, 30, 3};
     // key, parameters, now, offset, typed, last accepted step; verdict, step, skew
-    const std::tuple<const char*, OtpParameters, std::time_t, int, const char*, std::uint64_t, V, std::uint64_t, int> cases[] = {
+    using Step = std::uint64_t;
+    using Row = std::tuple<const char*, OtpParameters, std::time_t, int, const char*, Step, V, Step, int>;
+    const Row cases[] = {
         {kSha1Key, sha1x8, 59, 0, "94287082", 0, V::Accepted, 1, 0},
         {kSha256Key, sha256, 2000000000, 0, "90698825", 0, V::Accepted, 66666666, 0},
         {kSha512Key, sha512, t, 0, "25091201", 0, V::Accepted, s, 0},
@@ -99,7 +103,7 @@ TEST(OtpCheck, TimeBasedCodesOfEveryAlgorithmWithinTheWindowAndOnlyOnce)
     };
     for (const auto& [key, parameters, now, offset, typed, lastStep, verdict, step, skew] : cases) {
         const OtpResult r = CheckTotp(key, parameters, now, offset, typed, lastStep);
-        EXPECT_EQ(std::make_tuple(r.verdict, r.step, r.skew), std::make_tuple(verdict, step, skew)) << now << " " << typed;
+        EXPECT_EQ(std::make_tuple(r.verdict, r.step, r.skew), std::make_tuple(verdict, step, skew)) << now << typed;
     }
 }
 
@@ -119,8 +123,8 @@ TEST(OtpRecord, ReadsFilesOfBothVersionsAndRefusesDamagedOnes)
     EXPECT_EQ(FormatOtpRecord(back), full);
 
     const std::string v2 = "version=2\nsecret=JBSWY3DPEHPK3PXP\n";
-    for (const std::string& bad : std::vector<std::string>{"last_step=1\n", "secret=A\ndigits=8\n", "secret=\n", "secret=A\nx=1\n",
-                                   "version=3\n", v2 + "digits=7\n", v2 + "period=45\n", v2 + "window=5\n",
+    for (const std::string& bad : std::vector<std::string>{"last_step=1\n", "secret=A\ndigits=8\n", "secret=\n",
+                                   "x=1\n", "version=3\n", v2 + "digits=7\n", v2 + "period=45\n", v2 + "window=5\n",
                                    v2 + "offset=5\n", v2 + "skew=1,-1\n", v2 + "skew=1,2,3\n", v2 + "kind=motp\n",
                                    v2 + "algorithm=MD5\n", v2 + "issuer=a:b\n", v2 + "counter=-1\n"}) {
         OtpRecord record;
