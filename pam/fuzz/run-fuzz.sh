@@ -19,7 +19,7 @@ if [ ! -f "$runtime" ]; then
 fi
 
 mkdir -p "$work"
-for target in fuzz_module_options fuzz_agent_reply; do
+for target in fuzz_agent_reply; do
   "$clangxx" -std=c++17 -g -O1 -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined \
     -I"$pam/src" "$pam/fuzz/$target.cpp" "$@" -o "$work/$target"
   corpus="$work/corpus-$target"

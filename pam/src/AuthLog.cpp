@@ -58,6 +58,11 @@ void AuthLog::Notice(const std::string& text)
     Write(LOG_NOTICE, text);
 }
 
+void AuthLog::Warning(const std::string& text)
+{
+    Write(LOG_WARNING, text);
+}
+
 void AuthLog::Write(int priority, const std::string& text)
 {
     pam_syslog(pamh_, priority, "%s %s", who_.c_str(), text.c_str());

@@ -25,6 +25,8 @@ public:
     void Excluded();
     /// A configuration remark that does not change the decision.
     void Notice(const std::string& text);
+    /// A decision an administrator should notice, worded in full by the caller.
+    void Warning(const std::string& text);
 
 private:
     void Write(int priority, const std::string& text);

@@ -5,10 +5,12 @@
 
 namespace brackmoor::pam {
 
-/// How long the module waits for the agent's answer to one request. Longer
-/// than the agent's own 10-second HTTP time-out, so that a slow but working
-/// verification service still gets its answer through.
-constexpr int kDefaultReplyTimeoutMs = 15000;
+/// How long the module waits for the agent's answer to one request. The
+/// agent ends every call to the verification service within its connect and
+/// read time-outs together, which it caps at 25 s; waiting longer than that
+/// lets a slow but working service still get its answer through, so that a
+/// reply is never lost to this side giving up first.
+constexpr int kDefaultReplyTimeoutMs = 30000;
 /// Bounds of the test-only "timeout_ms=" argument.
 constexpr int kMinReplyTimeoutMs = 100;
 constexpr int kMaxReplyTimeoutMs = 60000;

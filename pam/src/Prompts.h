@@ -21,7 +21,10 @@ constexpr char kWrongCode[] = "Wrong verification code.";
 constexpr char kAuthenticatorCode[] = "Authenticator code: ";
 constexpr char kWrongAuthenticatorCode[] = "Wrong authenticator code.";
 constexpr char kAuthenticatorCodeUsed[] = "This authenticator code has been used already; wait for the next one.";
-constexpr char kNotEnrolled[] = "No authenticator is set up for this account; login refused.";
+constexpr char kTooManyWrongCodes[] = "Too many wrong codes; try again in "; // + "M minutes."
+constexpr char kNotEnrolledLetIn[] =
+    "No authenticator is set up for this account yet; logged in without one. Ask your administrator to enrol you.";
+constexpr char kRecoveryCodeAccepted[] = "Recovery code accepted; codes left: "; // + the number
 constexpr char kAuthenticatorUnavailable[] = "The authenticator check is unavailable; login refused.";
 
 // Both.

@@ -14,8 +14,6 @@ constexpr std::size_t kMaxUserName = 255;
 constexpr off_t kMaxRecordBytes = 4096;
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kDirectoryMode = 0700;
-constexpr char kSecretKey[] = "secret=";
-constexpr char kLastStepKey[] = "last_step=";
 
 bool IsRootOnlyDirectory(const struct stat& info)
 {
@@ -25,56 +23,6 @@ bool IsRootOnlyDirectory(const struct stat& info)
 bool IsRootOnlyFile(const struct stat& info)
 {
     return S_ISREG(info.st_mode) && info.st_uid == 0 && (info.st_mode & 07777) == kFileMode;
-}
-
-bool ParseStep(const std::string& text, std::uint64_t* step)
-{
-    if (text.empty() || text.size() > 19) {
-        return false;
-    }
-    std::uint64_t value = 0;
-    for (char c : text) {
-        if (c < '0' || c > '9') {
-            return false;
-        }
-        value = value * 10 + static_cast<std::uint64_t>(c - '0');
-    }
-    *step = value;
-    return true;
-}
-
-bool HasKey(const std::string& text, std::size_t start, const char* key, std::size_t keyLength)
-{
-    return text.compare(start, keyLength, key) == 0;
-}
-
-/// Reads "key=value" lines; false on anything unknown or missing. Works on
-/// positions in `text` so that the secret is not copied around.
-bool ParseRecord(const std::string& text, TotpRecord* record)
-{
-    constexpr std::size_t kSecretKeyLength = sizeof kSecretKey - 1;
-    constexpr std::size_t kLastStepKeyLength = sizeof kLastStepKey - 1;
-    bool haveSecret = false;
-    std::size_t start = 0;
-    while (start < text.size()) {
-        std::size_t end = text.find('\n', start);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        if (HasKey(text, start, kSecretKey, kSecretKeyLength) && end > start + kSecretKeyLength) {
-            record->secretBase32.Assign(text.data() + start + kSecretKeyLength, end - start - kSecretKeyLength);
-            haveSecret = true;
-        } else if (HasKey(text, start, kLastStepKey, kLastStepKeyLength)) {
-            const std::size_t value = start + kLastStepKeyLength;
-            if (!ParseStep(text.substr(value, end - value), &record->lastStep)) {
-                return false;
-            }
-        } else if (end != start) {
-            return false;
-        }
-        start = end + 1;
-    }
-    return haveSecret;
 }
 
 bool WriteAll(int fd, const std::string& text)
@@ -153,7 +101,7 @@ StoreStatus TotpStore::Open()
     return StoreStatus::Ok;
 }
 
-StoreStatus TotpStore::Load(const std::string& user, TotpRecord* record)
+StoreStatus TotpStore::Load(const std::string& user, OtpRecord* record)
 {
     if (!IsStorableUserName(user)) {
         return StoreStatus::BadUser;
@@ -195,10 +143,10 @@ StoreStatus TotpStore::Load(const std::string& user, TotpRecord* record)
     SecretString text;
     text.Assign(buffer, total);
     WipeBytes(buffer, sizeof buffer);
-    return ParseRecord(text.Text(), record) ? StoreStatus::Ok : StoreStatus::Corrupt;
+    return ParseOtpRecord(text.Text(), record) ? StoreStatus::Ok : StoreStatus::Corrupt;
 }
 
-StoreStatus TotpStore::Save(const std::string& user, const TotpRecord& record)
+StoreStatus TotpStore::Save(const std::string& user, const OtpRecord& record)
 {
     if (!IsStorableUserName(user)) {
         return StoreStatus::BadUser;
@@ -210,13 +158,7 @@ StoreStatus TotpStore::Save(const std::string& user, const TotpRecord& record)
     if (!fd.Valid()) {
         return Fail(errno);
     }
-    const std::string step = std::to_string(record.lastStep);
-    std::string content;
-    // One allocation up front, so no reallocated copy of the secret is left behind.
-    content.reserve(sizeof kSecretKey + record.secretBase32.Text().size() + sizeof kLastStepKey + step.size() + 2);
-    content.append(kSecretKey).append(record.secretBase32.Text()).append("\n");
-    content.append(kLastStepKey).append(step).append("\n");
-    const SecretString text(std::move(content));
+    const SecretString text(FormatOtpRecord(record));
     const bool written = ::fchmod(fd.Get(), kFileMode) == 0 && WriteAll(fd.Get(), text.Text()) &&
                          ::fsync(fd.Get()) == 0;
     const int error = errno;

@@ -1,24 +1,14 @@
 #pragma once
 
-#include "SecretString.h"
+#include "OtpRecord.h"
 #include "brackmoor/UniqueFd.h"
 
-#include <cstdint>
 #include <string>
 
 namespace brackmoor::pam {
 
 /// Where the per-user authenticator secrets live.
 constexpr char kTotpDirectory[] = "/etc/brackmoor/totp";
-
-/// One user's enrolment, as kept in the file named after the user.
-struct TotpRecord {
-    /// The shared secret, base32 as in the otpauth:// URI.
-    SecretString secretBase32;
-    /// The last time step whose code was accepted (0: none yet). A code of
-    /// this step or an earlier one is refused, so a code works only once.
-    std::uint64_t lastStep = 0;
-};
 
 /// Outcome of a store operation.
 enum class StoreStatus {
@@ -30,10 +20,8 @@ enum class StoreStatus {
     IoError,     ///< the file system failed (see LastError)
 };
 
-/// The root-only directory of authenticator secrets, one file per user:
-///
-///     secret=<base32>
-///     last_step=<decimal time step>
+/// The root-only directory of authenticator secrets, one file per user
+/// named after the user, in the format of FormatOtpRecord.
 ///
 /// The directory must be owned by root with no group or other permissions,
 /// each file owned by root with mode 0600; anything else is refused, since a
@@ -55,8 +43,9 @@ public:
     /// Releases the lock.
     void Close() { directoryFd_.Reset(); }
 
-    StoreStatus Load(const std::string& user, TotpRecord* record);
-    StoreStatus Save(const std::string& user, const TotpRecord& record);
+    /// NotEnrolled when the user has no file; a file without a secret is Ok.
+    StoreStatus Load(const std::string& user, OtpRecord* record);
+    StoreStatus Save(const std::string& user, const OtpRecord& record);
     StoreStatus Remove(const std::string& user);
 
     const std::string& Directory() const { return directory_; }

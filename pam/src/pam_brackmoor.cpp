@@ -6,9 +6,9 @@
 // leaves the login to the distribution's remaining lines, which deny it. So
 // only a passed second factor, or a user on the exclusion list, may ever
 // return PAM_SUCCESS; every other path returns a failure code:
-//   PAM_AUTH_ERR          wrong answer given up on, empty answer, no secret
-//   PAM_MAXTRIES          three wrong contacts or codes
-//   PAM_AUTHINFO_UNAVAIL  agent down, silent, untrusted or failing; secret store unusable
+//   PAM_AUTH_ERR          the password already failed, empty answer
+//   PAM_MAXTRIES          three wrong contacts or codes; locked out after too many wrong codes
+//   PAM_AUTHINFO_UNAVAIL  agent down, silent, untrusted or failing; secret store or setting file unusable
 //   PAM_CONV_ERR          the conversation failed
 //   PAM_SYSTEM_ERR        the module's own socket or random source failed
 //   PAM_USER_UNKNOWN      no user name
@@ -41,6 +41,20 @@ const char* RemoteHost(pam_handle_t* pamh)
     return static_cast<const char*>(host);
 }
 
+/// pam_unix records the result of its password check for its own setcred
+/// (a pointer to the int result, under this name). The include file keeps it
+/// "required", so a wrong password does not end the stack: without this
+/// check the login would go on to ask for a second factor, and anyone who
+/// can reach sshd and knows a registered contact could make the service send
+/// codes and use up the agent's code limit. No record (another first factor,
+/// or a pam_unix that keeps none) leaves the second factor as it is.
+bool FirstFactorFailed(pam_handle_t* pamh)
+{
+    const void* recorded = nullptr;
+    return pam_get_data(pamh, "unix_setcred_return", &recorded) == PAM_SUCCESS && recorded != nullptr &&
+           *static_cast<const int*>(recorded) != PAM_SUCCESS;
+}
+
 int Authenticate(pam_handle_t* pamh, int flags, int argc, const char** argv)
 {
     const ModuleOptions options = ParseModuleOptions(argc, argv);
@@ -58,6 +72,10 @@ int Authenticate(pam_handle_t* pamh, int flags, int argc, const char** argv)
         log.Refused("no user name");
         return PAM_USER_UNKNOWN;
     }
+    if (FirstFactorFailed(pamh)) {
+        log.Warning("first factor failed, second factor skipped");
+        return PAM_AUTH_ERR;
+    }
     if (options.IsExcluded(user)) {
         log.Excluded();
         return PAM_SUCCESS;
@@ -65,7 +83,7 @@ int Authenticate(pam_handle_t* pamh, int flags, int argc, const char** argv)
 
     PamConversation conversation(pamh, (flags & PAM_SILENT) != 0);
     if (options.localMode) {
-        return LocalFactor(options, conversation, log, kTotpDirectory).Run(user);
+        return LocalFactor(options, conversation, log, kTotpDirectory, kSettingsFile).Run(user);
     }
     return ServiceFactor(options, conversation, log).Run();
 }

@@ -1,6 +1,7 @@
 #include "PamHarness.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -10,6 +11,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace brackmoor::pam::test {
@@ -19,6 +21,42 @@ namespace {
 constexpr char kConfigDirectory[] = "/tmp/brackmoor-pam.d";
 constexpr char kService[] = "brackmoor-test";
 int g_syslog = -1;
+
+// The module's log is caught at /dev/log, on an overlay over /dev whose upper
+// layer is a tmpfs of this mount namespace (an overlay cannot be the upper
+// layer of another, and the sandbox's /tmp is one).
+bool CaptureSyslog()
+{
+    if ((mkdir("/tmp/brackmoor-dev", 0700) != 0 && errno != EEXIST) ||
+        mount("tmpfs", "/tmp/brackmoor-dev", "tmpfs", 0, "mode=0700") != 0 ||
+        mkdir("/tmp/brackmoor-dev/upper", 0755) != 0 || mkdir("/tmp/brackmoor-dev/work", 0755) != 0 ||
+        mount("overlay", "/dev", "overlay", 0,
+              "lowerdir=/dev,upperdir=/tmp/brackmoor-dev/upper,workdir=/tmp/brackmoor-dev/work") != 0) {
+        return false;
+    }
+    // A full queue would block the module's syslog(). The limit belongs to the
+    // network namespace and is read when a socket is made.
+    std::ofstream limit("/proc/sys/net/unix/max_dgram_qlen");
+    limit << 4096;
+    limit.close();
+    if (!limit) {
+        return false;
+    }
+    unlink("/dev/log");
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, "/dev/log");
+    g_syslog = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    return bind(g_syslog, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
+
+/// Catches the log before any test runs: the module's first syslog()
+/// connects to /dev/log for good.
+class SyslogCapture : public testing::Environment {
+    void SetUp() override { ASSERT_TRUE(CaptureSyslog()) << "cannot catch the system log at /dev/log"; }
+};
+const testing::Environment* const g_capture = testing::AddGlobalTestEnvironment(new SyslogCapture);
 
 } // namespace
 
@@ -66,8 +104,23 @@ int Authenticate(const std::string& arguments, const std::string& user, Scripted
     return result;
 }
 
-std::vector<std::string> ExpectOutcome(const Outcome& expected, int result, const ScriptedUser& user,
-                                       const std::string& name, const std::vector<std::string>& secrets)
+int Pamtester(const std::string& stack, const std::string& user, const std::string& input)
+{
+#ifdef BRACKMOOR_SANITIZED
+    return 77; // an instrumented module cannot load into the uninstrumented pamtester
+#endif
+    if (system("command -v pamtester >/dev/null") != 0) {
+        return 77;
+    }
+    std::ofstream("/etc/pam.d/brackmoor-stack") << stack;
+    FILE* typing = popen(("pamtester brackmoor-stack " + user + " authenticate >/dev/null 2>&1").c_str(), "w");
+    std::fputs(input.c_str(), typing);
+    const int status = pclose(typing);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void ExpectOutcome(const Outcome& expected, int result, const ScriptedUser& user, const std::string& name,
+                   const std::vector<std::string>& secrets)
 {
     const std::vector<std::string>& seen = user.Seen();
     const std::string closing = std::string("? ") + kClosingPrompt;
@@ -97,35 +150,12 @@ std::vector<std::string> ExpectOutcome(const Outcome& expected, int result, cons
             EXPECT_EQ(line.find(secret), std::string::npos) << "logged: " << line;
         }
     }
-    return lines;
 }
 
-// The module's log is caught at /dev/log, on an overlay over /dev whose upper
-// layer is a tmpfs of this mount namespace (an overlay cannot be the upper
-// layer of another, and the sandbox's /tmp is one).
-bool CaptureSyslog()
+bool Holds(const std::vector<std::string>& lines, const std::string& text)
 {
-    if ((mkdir("/tmp/brackmoor-dev", 0700) != 0 && errno != EEXIST) ||
-        mount("tmpfs", "/tmp/brackmoor-dev", "tmpfs", 0, "mode=0700") != 0 ||
-        mkdir("/tmp/brackmoor-dev/upper", 0755) != 0 || mkdir("/tmp/brackmoor-dev/work", 0755) != 0 ||
-        mount("overlay", "/dev", "overlay", 0,
-              "lowerdir=/dev,upperdir=/tmp/brackmoor-dev/upper,workdir=/tmp/brackmoor-dev/work") != 0) {
-        return false;
-    }
-    // A full queue would block the module's syslog(). The limit belongs to the
-    // network namespace and is read when a socket is made.
-    std::ofstream limit("/proc/sys/net/unix/max_dgram_qlen");
-    limit << 4096;
-    limit.close();
-    if (!limit) {
-        return false;
-    }
-    unlink("/dev/log");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, "/dev/log");
-    g_syslog = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    return bind(g_syslog, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string& line) { return line.find(text) != std::string::npos; });
 }
 
 std::vector<std::string> TakeSyslog()

@@ -39,6 +39,12 @@ private:
 /// TakeSyslog() returns afterwards is this login's.
 int Authenticate(const std::string& arguments, const std::string& user, ScriptedUser& script);
 
+/// Runs pamtester (libpam's own terminal conversation) for `user` against the
+/// service /etc/pam.d/brackmoor-stack made of `stack`, with `input` as what
+/// the user types; its exit status, or 77 when pamtester cannot load the
+/// module (sanitized builds) or is missing.
+int Pamtester(const std::string& stack, const std::string& user, const std::string& input);
+
 /// How a login must end.
 struct Outcome {
     int result;
@@ -49,14 +55,14 @@ struct Outcome {
 };
 
 /// Checks the result, what `user` saw and the log of `name`'s login, which
-/// must hold none of `secrets`; returns the log lines.
-std::vector<std::string> ExpectOutcome(const Outcome& expected, int result, const ScriptedUser& user,
-                                       const std::string& name, const std::vector<std::string>& secrets);
+/// must hold none of `secrets`.
+void ExpectOutcome(const Outcome& expected, int result, const ScriptedUser& user, const std::string& name,
+                   const std::vector<std::string>& secrets);
 
-/// Catches the system log, which needs the sandbox's private namespaces;
-/// false when it cannot. Must come before the process's first syslog().
-bool CaptureSyslog();
-/// The system log's lines since the last call.
+/// The system log's lines since the last call, caught at a private /dev/log
+/// (the sandbox's namespaces) before the first test runs.
 std::vector<std::string> TakeSyslog();
+/// True when one of `lines` holds `text`.
+bool Holds(const std::vector<std::string>& lines, const std::string& text);
 
 } // namespace brackmoor::pam::test

@@ -1,11 +1,14 @@
 // Pure parts of the module: argument and reply parsing, code comparison,
-// TOTP checking against the published test vectors, enrolment URIs.
+// one-time codes against the published test vectors, the secret file, the
+// failure limit, clock skew, settings. Enrolment URIs and recovery codes are
+// checked with the real command in pamtester-local.sh.
 
 #include "AgentReply.h"
 #include "CodeCompare.h"
 #include "ModuleOptions.h"
-#include "OtpAuthUri.h"
-#include "TotpCheck.h"
+#include "ClockSkew.h"
+#include "LocalSettings.h"
+#include "OtpCheck.h"
 #include "TotpStore.h"
 
 #include <gtest/gtest.h>
@@ -22,12 +25,9 @@ ModuleOptions Parse(std::vector<const char*> args)
 TEST(ModuleOptions, ReadsTheAgentsIncludeLine)
 {
     const ModuleOptions o = Parse({"refresh_time=301", "echo=1", nullptr, "local=1", "exclude_user_list=;u1;;u2;"});
-    EXPECT_EQ(o.refreshTime, 301);
-    EXPECT_TRUE(o.echoCode);
-    EXPECT_TRUE(o.localMode);
+    EXPECT_EQ(std::make_tuple(o.refreshTime, o.echoCode, o.localMode, o.problems.size()),
+              std::make_tuple(301, true, true, 0u));
     EXPECT_EQ(o.excludedUsers, (std::vector<std::string>{"u1", "u2"}));
-    EXPECT_EQ(o.replyTimeoutMs, kDefaultReplyTimeoutMs);
-    EXPECT_TRUE(o.problems.empty());
     EXPECT_TRUE(o.IsExcluded("u2"));
     for (const char* other : {"U2", "u", "u22", ""}) {
         EXPECT_FALSE(o.IsExcluded(other)) << other;
@@ -46,23 +46,7 @@ TEST(ModuleOptions, BadArgumentsAreReportedAndLeaveTheSafeDefaults)
     }
 }
 
-// Also fuzzed (pam/fuzz), with the rules that whatever parses prints back as
-// the input, and that no code is 3 or longer than nine digits.
-TEST(AgentReply, AcceptsExactlyWhatPercentDWrites)
-{
-    using Bytes = std::string;
-    const std::pair<Bytes, std::optional<std::int32_t>> cases[] = {
-        {Bytes("1\0", 2), 1}, {Bytes("42137\0", 6), 42137}, {"42137", 42137}, {Bytes("0\0", 2), 0},
-        {Bytes("-5\0", 3), -5}, {Bytes("2147483647\0", 11), INT32_MAX}, {Bytes("-2147483648\0", 12), INT32_MIN},
-        {Bytes("2147483648\0", 11), std::nullopt}, {Bytes("01\0", 3), std::nullopt}, {Bytes("-0\0", 3), std::nullopt},
-        {Bytes("\0", 1), std::nullopt}, {"", std::nullopt}, {Bytes("1\0\0", 3), std::nullopt},
-        {Bytes(" 1\0", 3), std::nullopt}, {Bytes("1:2\0", 4), std::nullopt}, {Bytes("+1\0", 3), std::nullopt},
-    };
-    for (const auto& [bytes, value] : cases) {
-        EXPECT_EQ(ParseReplyNumber(bytes.data(), bytes.size()), value) << bytes;
-    }
-}
-
+// The agent's replies are fuzzed (pam/fuzz): whatever parses must print back as the input.
 TEST(CodeCompare, TypedCodesMatchTheIssuedNumberWhateverTheLeadingZeros)
 {
     const std::tuple<const char*, std::uint32_t, bool> cases[] = {
@@ -77,29 +61,124 @@ TEST(CodeCompare, TypedCodesMatchTheIssuedNumberWhateverTheLeadingZeros)
     }
 }
 
-TEST(TotpCheck, MatchesThePublishedVectorsWithinOneStepAndOnlyOnce)
+// RFC 6238 appendix B keys ("1234567890" repeated to the hash's size) and
+// RFC 4226 appendix D; a 6-digit code is the 8-digit one's last six digits.
+constexpr char kSha1Key[] = "GEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQ";
+constexpr char kSha256Key[] = "GEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZA====";
+constexpr char kSha512Key[] =
+    "GEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZDGNA=";
+
+TEST(OtpCheck, TimeBasedCodesOfEveryAlgorithmWithinTheWindowAndOnlyOnce)
 {
-    // RFC 6238, appendix B, SHA-1 key "12345678901234567890", last six digits.
-    const char* secret = "GEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQ";
     constexpr std::time_t t = 1111111109; // a vector's time; its step is s
     constexpr std::uint64_t s = 37037036;
-    using V = TotpVerdict;
-    // now, typed, last accepted step; verdict, step of the typed code
-    const std::tuple<std::time_t, const char*, std::uint64_t, V, std::uint64_t> cases[] = {
-        {59, "287082", 0, V::Accepted, 1},      {2000000000, "279037", 0, V::Accepted, 66666666},
-        {t, "081804", 0, V::Accepted, s},       {t, " 081804\n", 0, V::Accepted, s},
-        {t + 30, "081804", 0, V::Accepted, s},  {t - 30, "081804", 0, V::Accepted, s},
-        {t + 60, "081804", 0, V::Wrong, 0},     {t - 60, "081804", 0, V::Wrong, 0},
-        {t, "81804", 0, V::Wrong, 0},           {t, "081805", 0, V::Wrong, 0},
-        {t, "081804", s, V::Reused, s},         {t, "081804", s + 1, V::Reused, s},
-        {t, "081804", s - 1, V::Accepted, s},
+    using V = OtpVerdict;
+    constexpr OtpKind T = OtpKind::Totp;
+    const OtpParameters sha1{}, sha256{T, OtpAlgorithm::Sha256, 8}, sha512{T, OtpAlgorithm::Sha512, 8};
+    const OtpParameters sha1x8{T, OtpAlgorithm::Sha1, 8}, minute{T, OtpAlgorithm::Sha1, 6, 60};
+    const OtpParameters wide{T, OtpAlgorithm::Sha1, 6, 30, 3};
+    // key, parameters, now, offset, typed, last accepted step; verdict, step, skew
+    using Step = std::uint64_t;
+    using Row = std::tuple<const char*, OtpParameters, std::time_t, int, const char*, Step, V, Step, int>;
+    const Row cases[] = {
+        {kSha1Key, sha1x8, 59, 0, "94287082", 0, V::Accepted, 1, 0},
+        {kSha256Key, sha256, 2000000000, 0, "90698825", 0, V::Accepted, 66666666, 0},
+        {kSha512Key, sha512, t, 0, "25091201", 0, V::Accepted, s, 0},
+        {kSha512Key, sha512, t, 0, "081804", 0, V::Wrong, 0, 0},
+        {kSha1Key, minute, 119, 0, "287082", 0, V::Accepted, 1, 0}, // step 1 of 60 s is counter 1
+        {kSha1Key, sha1, t, 0, " 081804\n", 0, V::Accepted, s, 0},
+        {kSha1Key, sha1, t + 30, 0, "081804", 0, V::Accepted, s, -1},
+        {kSha1Key, sha1, t - 30, 0, "081804", 0, V::Accepted, s, 1},
+        {kSha1Key, sha1, t + 60, 0, "081804", 0, V::Wrong, 0, -2},
+        {kSha1Key, sha1, t - 60, 0, "081804", 0, V::Wrong, 0, 2},
+        {kSha1Key, sha1, t - 150, 0, "081804", 0, V::Wrong, 0, 0},
+        {kSha1Key, wide, t - 90, 0, "081804", 0, V::Accepted, s, 3},
+        {kSha1Key, sha1, t - 90, 2, "081804", 0, V::Accepted, s, 1}, // a learnt offset moves the window
+        {kSha1Key, sha1, t, 0, "81804", 0, V::Wrong, 0, 0},
+        {kSha1Key, sha1, t, 0, "081805", 0, V::Wrong, 0, 0},
+        {kSha1Key, sha1, t, 0, "081804", s, V::Reused, s, 0},
+        {kSha1Key, sha1, t, 0, "081804", s + 1, V::Reused, s, 0},
+        {kSha1Key, sha1, t, 0, "081804", s - 1, V::Accepted, s, 0},
+        {"not base32!", sha1, 59, 0, "287082", 0, V::BadSecret, 0, 0},
     };
-    for (const auto& [now, typed, lastStep, verdict, step] : cases) {
-        const TotpResult r = CheckTotp(secret, now, typed, lastStep);
-        EXPECT_EQ(r.verdict, verdict) << now << " " << typed << " " << lastStep;
-        EXPECT_EQ(r.step, step) << now << " " << typed << " " << lastStep;
+    for (const auto& [key, parameters, now, offset, typed, lastStep, verdict, step, skew] : cases) {
+        const OtpResult r = CheckTotp(key, parameters, now, offset, typed, lastStep);
+        EXPECT_EQ(std::make_tuple(r.verdict, r.step, r.skew), std::make_tuple(verdict, step, skew)) << now << typed;
     }
-    EXPECT_EQ(CheckTotp("not base32!", 59, "287082", 0).verdict, TotpVerdict::BadSecret);
+}
+
+TEST(OtpRecord, ReadsFilesOfBothVersionsAndRefusesDamagedOnes)
+{
+    OtpRecord v1;
+    ASSERT_TRUE(ParseOtpRecord("secret=JBSWY3DPEHPK3PXP\nlast_step=17\n", &v1));
+    EXPECT_EQ(std::make_tuple(v1.secretBase32.Text(), v1.lastStep, v1.parameters.digits, v1.parameters.period,
+                              v1.parameters.window, v1.issuer),
+              std::make_tuple(std::string("JBSWY3DPEHPK3PXP"), 17u, 6u, 30u, 1u, std::string("Brackmoor")));
+
+    const std::string full = "version=2\nkind=hotp\nsecret=JBSWY3DPEHPK3PXP\nalgorithm=SHA512\ndigits=8\nperiod=60\n"
+                             "window=4\nissuer=ACME Ops\nlast_step=3\ncounter=9\noffset=-4\nskew=2,3\nfailures=3\n"
+                             "failures_since=1700000000\nrecovery=$y$a\nrecovery=$y$b\n";
+    OtpRecord back;
+    ASSERT_TRUE(ParseOtpRecord(full, &back));
+    EXPECT_EQ(FormatOtpRecord(back), full);
+
+    const std::string v2 = "version=2\nsecret=JBSWY3DPEHPK3PXP\n";
+    for (const std::string& bad : std::vector<std::string>{"last_step=1\n", "secret=A\ndigits=8\n", "secret=\n",
+                                   "x=1\n", "version=3\n", v2 + "digits=7\n", v2 + "period=45\n", v2 + "window=5\n",
+                                   v2 + "offset=5\n", v2 + "skew=1,-1\n", v2 + "skew=1,2,3\n", v2 + "kind=motp\n",
+                                   v2 + "algorithm=MD5\n", v2 + "issuer=a:b\n", v2 + "counter=-1\n"}) {
+        OtpRecord record;
+        EXPECT_FALSE(ParseOtpRecord(bad, &record)) << bad;
+    }
+    OtpRecord failuresOnly; // a user without a secret still has a failure count
+    EXPECT_TRUE(ParseOtpRecord("version=2\nfailures=2\nfailures_since=5\n", &failuresOnly));
+    EXPECT_FALSE(failuresOnly.Enrolled());
+}
+
+TEST(Throttle, LocksAfterTheLimitWithinTheWindowUntilItPasses)
+{
+    const Throttle throttle{3, 300};
+    OtpRecord record;
+    const std::pair<std::int64_t, std::int64_t> failuresAndLock[] = {{1000, 0}, {1100, 0}, {1200, 100}, {1250, 50}};
+    for (const auto& [now, locked] : failuresAndLock) {
+        if (throttle.LockedFor(record, now) == 0) {
+            throttle.CountFailure(&record, now);
+        }
+        EXPECT_EQ(throttle.LockedFor(record, now), locked) << now;
+    }
+    EXPECT_EQ(throttle.LockedFor(record, 1300), 0);
+    EXPECT_EQ(throttle.LockedFor(record, 0), 300); // a clock set back locks one window at most
+    throttle.CountFailure(&record, 1301);          // the old window has passed: counting starts again
+    EXPECT_EQ(record.failures, 1u);
+}
+
+TEST(ClockSkew, ThreeLoginsOffTheSameWayMoveTheOffsetBySteps)
+{
+    // skew per login; offset after each
+    const std::vector<std::pair<std::vector<int>, std::vector<int>>> cases = {
+        {{2, 3, 2}, {0, 0, 2}}, {{-1, -4, -2}, {0, 0, -1}}, {{2, 0, 2, 2}, {0, 0, 0, 0}},
+        {{2, -2, 2, 2}, {0, 0, 0, 0}}, {{4, 4, 4, 3, 3, 3}, {0, 0, 4, 4, 4, 4}},
+    };
+    for (const auto& [skews, offsets] : cases) {
+        OtpRecord record;
+        for (std::size_t i = 0; i < skews.size(); ++i) {
+            NoteClockSkew(&record, skews[i]);
+            EXPECT_EQ(record.offset, offsets[i]) << "login " << i;
+        }
+    }
+}
+
+TEST(LocalSettings, ReadsKnownKeysAndKeepsDefaultsForBadOnes)
+{
+    LocalSettings settings;
+    settings.Parse("# rollout\n allow_unenrolled = 1 \nmax_failures=10 # fewer\nfailure_window = 600\n");
+    EXPECT_EQ(std::make_tuple(settings.allowUnenrolled, settings.throttle.maxFailures, settings.throttle.windowSeconds),
+              std::make_tuple(true, 10u, 600u));
+    EXPECT_TRUE(settings.problems.empty());
+    LocalSettings bad;
+    bad.Parse("allow_unenrolled=yes\nmax_failures=0\nfailure_window=59\nlockout=1\nmax_failures\n");
+    EXPECT_EQ(std::make_tuple(bad.allowUnenrolled, bad.throttle.maxFailures, bad.throttle.windowSeconds,
+                              bad.problems.size()), std::make_tuple(false, 5u, 300u, 5u));
 }
 
 TEST(TotpStore, UserNamesThatCannotEscapeTheDirectory)
@@ -111,14 +190,6 @@ TEST(TotpStore, UserNamesThatCannotEscapeTheDirectory)
                                                             "a\nb", "ä", std::string(256, 'a')}) {
         EXPECT_FALSE(IsStorableUserName(bad)) << bad;
     }
-}
-
-TEST(OtpAuthUri, EncodesIssuerAndAccount)
-{
-    EXPECT_EQ(MakeOtpAuthUri("Brackmoor", "alice@web 1", "JBSWY3DPEHPK3PXP===="),
-              "otpauth://totp/Brackmoor:alice%40web%201?secret=JBSWY3DPEHPK3PXP&issuer=Brackmoor"
-              "&algorithm=SHA1&digits=6&period=30");
-    EXPECT_EQ(PercentEncode("a&b=c:d~"), "a%26b%3Dc%3Ad~");
 }
 
 } // namespace

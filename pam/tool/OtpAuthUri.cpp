@@ -1,7 +1,5 @@
 #include "OtpAuthUri.h"
 
-#include "TotpCheck.h"
-
 namespace brackmoor::pam {
 
 std::string PercentEncode(const std::string& text)
@@ -23,14 +21,16 @@ std::string PercentEncode(const std::string& text)
     return out;
 }
 
-std::string MakeOtpAuthUri(const std::string& issuer, const std::string& account,
-                           const std::string& base32Secret)
+std::string MakeOtpAuthUri(const OtpRecord& record, const std::string& account)
 {
-    const std::string secret = base32Secret.substr(0, base32Secret.find('='));
-    const std::string encodedIssuer = PercentEncode(issuer);
-    return "otpauth://totp/" + encodedIssuer + ":" + PercentEncode(account) + "?secret=" + secret +
-           "&issuer=" + encodedIssuer + "&algorithm=SHA1&digits=" + std::to_string(kTotpDigits) +
-           "&period=" + std::to_string(kTotpStepSeconds);
+    const std::string& base32 = record.secretBase32.Text();
+    const std::string encodedIssuer = PercentEncode(record.issuer);
+    const OtpParameters& p = record.parameters;
+    const bool hotp = p.kind == OtpKind::Hotp;
+    return std::string("otpauth://") + (hotp ? "hotp/" : "totp/") + encodedIssuer + ":" + PercentEncode(account) +
+           "?secret=" + base32.substr(0, base32.find('=')) + "&issuer=" + encodedIssuer +
+           "&algorithm=" + AlgorithmName(p.algorithm) + "&digits=" + std::to_string(p.digits) +
+           (hotp ? "&counter=" + std::to_string(record.counter) : "&period=" + std::to_string(p.period));
 }
 
 } // namespace brackmoor::pam

@@ -1,14 +1,17 @@
 // brackmoor-totp: enrols users for the local (authenticator app) mode of
 // pam_brackmoor.so.
 //
-//   brackmoor-totp enrol USER [--issuer NAME] [--invert] [--dir DIR]
-//   brackmoor-totp show USER [--issuer NAME] [--dir DIR]
+//   brackmoor-totp enrol USER [--hotp] [--algorithm SHA1|SHA256|SHA512] [--digits 6|8]
+//                              [--period 30|60] [--window 1-4] [--issuer NAME] [--invert] [--dir DIR]
+//   brackmoor-totp show USER [--dir DIR]
+//   brackmoor-totp codes USER [--dir DIR]
 //   brackmoor-totp remove USER [--dir DIR]
 //
 // Exit status: 0 done, 1 failed, 2 usage error.
 
 #include "KernelRandom.h"
 #include "OtpAuthUri.h"
+#include "RecoveryCodes.h"
 #include "SecretString.h"
 #include "TerminalQr.h"
 #include "TotpStore.h"
@@ -34,18 +37,53 @@ constexpr std::size_t kSecretBytes = 20;
 struct Command {
     std::string verb;
     std::string user;
+    OtpParameters parameters;
     std::string issuer = "Brackmoor";
     std::string directory = kTotpDirectory;
     bool invert = false;
+    bool hotp = false;
 };
 
 int Usage()
 {
-    std::fputs("usage: brackmoor-totp enrol USER [--issuer NAME] [--invert] [--dir DIR]\n"
-               "       brackmoor-totp show USER [--issuer NAME] [--dir DIR]\n"
+    std::fputs("usage: brackmoor-totp enrol USER [--hotp] [--algorithm SHA1|SHA256|SHA512] [--digits 6|8]\n"
+               "                            [--period 30|60] [--window 1-4] [--issuer NAME] [--invert] [--dir DIR]\n"
+               "       brackmoor-totp show USER [--dir DIR]\n"
+               "       brackmoor-totp codes USER [--dir DIR]\n"
                "       brackmoor-totp remove USER [--dir DIR]\n",
                stderr);
     return kUsage;
+}
+
+/// One of `allowed` ("30|60"), as a number.
+bool ParseChoice(const std::string& value, const std::string& allowed, unsigned* number)
+{
+    if (value.empty() || value.find('|') != std::string::npos ||
+        ("|" + allowed + "|").find("|" + value + "|") == std::string::npos) {
+        return false;
+    }
+    *number = static_cast<unsigned>(std::stoul(value));
+    return true;
+}
+
+/// An option that takes a value; false when the value is not allowed.
+bool ParseValue(const std::string& option, const std::string& value, Command* command)
+{
+    OtpParameters& p = command->parameters;
+    if (option == "--algorithm") {
+        return command->verb == "enrol" && ParseAlgorithmName(value, &p.algorithm);
+    }
+    if (option == "--digits" || option == "--period" || option == "--window") {
+        unsigned& field = option == "--digits" ? p.digits : option == "--period" ? p.period : p.window;
+        const char* allowed = option == "--digits" ? "6|8" : option == "--period" ? "30|60" : "1|2|3|4";
+        return command->verb == "enrol" && ParseChoice(value, allowed, &field);
+    }
+    if (option == "--issuer") {
+        command->issuer = value;
+        return command->verb == "enrol" && IsValidIssuer(value);
+    }
+    command->directory = value;
+    return option == "--dir" && !value.empty();
 }
 
 bool ParseCommand(int argc, char** argv, Command* command)
@@ -57,15 +95,14 @@ bool ParseCommand(int argc, char** argv, Command* command)
     command->user = argv[2];
     for (int i = 3; i < argc; ++i) {
         const std::string option = argv[i];
-        if (option == "--invert") {
-            command->invert = true;
-        } else if ((option == "--issuer" || option == "--dir") && i + 1 < argc) {
-            (option == "--issuer" ? command->issuer : command->directory) = argv[++i];
-        } else {
+        if (option == "--invert" || option == "--hotp") {
+            (option == "--invert" ? command->invert : command->hotp) = true;
+        } else if (i + 1 >= argc || !ParseValue(option, argv[++i], command)) {
             return false;
         }
     }
-    return !command->issuer.empty() && !command->directory.empty();
+    command->parameters.kind = command->hotp ? OtpKind::Hotp : OtpKind::Totp;
+    return command->verb == "enrol" || (!command->invert && !command->hotp);
 }
 
 int Complain(const Command& command, StoreStatus status, int error)
@@ -122,37 +159,82 @@ bool NewSecret(SecretString* base32)
     return made;
 }
 
-int Enrol(const Command& command, TotpStore& store)
+/// Makes a new set of recovery codes into `record`.
+bool NewRecoveryCodes(OtpRecord* record, std::vector<std::string>* codes)
 {
-    TotpRecord previous;
-    const bool replacing = store.Load(command.user, &previous) == StoreStatus::Ok;
-    TotpRecord record;
-    if (!NewSecret(&record.secretBase32)) {
-        std::fputs("brackmoor-totp: could not make a secret from the kernel's random source\n", stderr);
-        return kFailed;
+    if (!MakeRecoveryCodes(codes, &record->recoveryHashes)) {
+        std::fputs("brackmoor-totp: could not make recovery codes\n", stderr);
+        return false;
     }
+    return true;
+}
+
+/// Saves the record, then shows `intro` and the new recovery codes, which
+/// exist only once saved.
+int SaveWithCodes(const Command& command, TotpStore& store, const OtpRecord& record,
+                  const std::vector<std::string>& codes, const std::string& intro)
+{
     const StoreStatus saved = store.Save(command.user, record);
     if (saved != StoreStatus::Ok) {
         return Complain(command, saved, store.LastError());
     }
-    const std::string uri =
-        MakeOtpAuthUri(command.issuer, AccountName(command.user), record.secretBase32.Text());
-    std::printf("%s %s. Scan this code with an authenticator app, or enter the URI by hand:\n\n%s\n%s\n",
-                replacing ? "Replaced the secret of" : "Enrolled", command.user.c_str(),
-                RenderQr(uri, command.invert).c_str(), uri.c_str());
+    std::fputs(intro.c_str(), stdout);
+    std::puts("Recovery codes, each good for one login in place of a code; keep them somewhere safe:");
+    for (const std::string& code : codes) {
+        std::printf("  %s\n", code.c_str());
+    }
     return kDone;
+}
+
+/// Loads an enrolled user's record; the exit status on failure.
+int LoadEnrolled(const Command& command, TotpStore& store, OtpRecord* record)
+{
+    StoreStatus loaded = store.Load(command.user, record);
+    loaded = loaded == StoreStatus::Ok && !record->Enrolled() ? StoreStatus::NotEnrolled : loaded;
+    return loaded == StoreStatus::Ok ? kDone : Complain(command, loaded, store.LastError());
+}
+
+int Enrol(const Command& command, TotpStore& store)
+{
+    OtpRecord previous;
+    const bool replacing = store.Load(command.user, &previous) == StoreStatus::Ok && previous.Enrolled();
+    OtpRecord record;
+    record.parameters = command.parameters;
+    record.issuer = command.issuer;
+    std::vector<std::string> codes;
+    if (!NewSecret(&record.secretBase32)) {
+        std::fputs("brackmoor-totp: could not make a secret from the kernel's random source\n", stderr);
+        return kFailed;
+    }
+    if (!NewRecoveryCodes(&record, &codes)) {
+        return kFailed;
+    }
+    const std::string uri = MakeOtpAuthUri(record, AccountName(command.user));
+    return SaveWithCodes(command, store, record, codes,
+                         std::string(replacing ? "Replaced the secret of " : "Enrolled ") + command.user +
+                             ". Scan this code with an authenticator app, or enter the URI by hand:\n\n" +
+                             RenderQr(uri, command.invert) + "\n" + uri + "\n\n");
 }
 
 int Show(const Command& command, TotpStore& store)
 {
-    TotpRecord record;
-    const StoreStatus loaded = store.Load(command.user, &record);
-    if (loaded != StoreStatus::Ok) {
-        return Complain(command, loaded, store.LastError());
+    OtpRecord record;
+    const int loaded = LoadEnrolled(command, store, &record);
+    if (loaded == kDone) {
+        std::printf("%s\n", MakeOtpAuthUri(record, AccountName(command.user)).c_str());
     }
-    std::printf("%s\n",
-                MakeOtpAuthUri(command.issuer, AccountName(command.user), record.secretBase32.Text()).c_str());
-    return kDone;
+    return loaded;
+}
+
+int Codes(const Command& command, TotpStore& store)
+{
+    OtpRecord record;
+    std::vector<std::string> codes;
+    const int loaded = LoadEnrolled(command, store, &record);
+    if (loaded != kDone) {
+        return loaded;
+    }
+    return NewRecoveryCodes(&record, &codes) ? SaveWithCodes(command, store, record, codes, "") : kFailed;
 }
 
 int Remove(const Command& command, TotpStore& store)
@@ -189,6 +271,9 @@ int Run(const Command& command)
     if (command.verb == "enrol") {
         return Enrol(command, store);
     }
+    if (command.verb == "codes") {
+        return Codes(command, store);
+    }
     return command.verb == "show" ? Show(command, store) : Remove(command, store);
 }
 
@@ -198,7 +283,7 @@ int main(int argc, char** argv)
 {
     Command command;
     if (!ParseCommand(argc, argv, &command) ||
-        (command.verb != "enrol" && command.verb != "show" && command.verb != "remove")) {
+        (command.verb != "enrol" && command.verb != "show" && command.verb != "codes" && command.verb != "remove")) {
         return Usage();
     }
     if (geteuid() != 0) {

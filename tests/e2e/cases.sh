@@ -53,6 +53,16 @@ case_wrong_code() {
   e2e_expect_failure "a wrong code is refused" e2e_login_as alice
 }
 
+case_wrong_password() {
+  e2e_service_mode_setup || return
+  export E2E_ANSWER_PASSWORD=wrong E2E_ANSWER_CONTACT=$E2E_CONTACT_TYPED
+  e2e_expect_failure "a wrong password is refused" e2e_login_as alice
+  [ "$(e2e_prompt_count 'Phone number')" = 0 ] && e2e_ok "no contact was asked for" || e2e_fail "no contact was asked for"
+  local sent
+  sent=$(find /run/brackmoor-verifyd/outbox -name '*.msg' 2>/dev/null | wc -l)
+  [ "$sent" = 0 ] && e2e_ok "no message in the outbox" || e2e_fail "no message in the outbox" "$sent sent"
+}
+
 case_unlisted_contact() {
   e2e_service_mode_setup || return
   export E2E_ANSWER_CONTACT='+15559999999'
