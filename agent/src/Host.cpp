@@ -142,6 +142,7 @@ int Host::Run(const CommandLine& options)
     ShutDown(host);
     feeder.ForgetAfterCleanStop();
     AGENT_LOG_NOTICE("brackmoor-agent stopped.");
+    SDK::LoggerUtils::GetInstance()->Flush();
     return kExitOk;
 }
 

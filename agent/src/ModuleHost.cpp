@@ -9,6 +9,7 @@
 #include "AgentLog.h"
 #include "FileTrust.h"
 #include "Framework/Module.h"
+#include "SDK/LoggerUtils.h"
 
 namespace Agent {
 
@@ -115,6 +116,8 @@ void ModuleHost::UnloadAll()
         const std::string name = libraries.back()->GetName();
         AGENT_LOG_INFO("Unloading module(" + name + ").");
         libraries.pop_back();
+        // What the module logged while it stopped is on disk before the next one stops.
+        SDK::LoggerUtils::GetInstance()->Flush();
         AGENT_LOG_INFO("Module(" + name + ") unloaded.");
     }
 }

@@ -11,7 +11,11 @@ namespace SDK {
 
 /// The agent's logging: one POCO logger per module, named after the module,
 /// writing to rotating files in the log directory and, when the host runs in
-/// the foreground, to the console as well.
+/// the foreground, to the console as well. A record costs its caller a copy
+/// into a buffer; a writer thread per file formats and appends records every
+/// few milliseconds, so logging stays off the callers' hot paths while
+/// records reach the file within milliseconds. Nothing is dropped: Flush()
+/// and the end of the process write everything logged before.
 class LoggerUtils {
 public:
     static LoggerUtils* GetInstance();
@@ -32,6 +36,17 @@ public:
     /// (log.dir, log.level); while no configuration has been loaded and no
     /// log.dir set, records go to standard error only.
     Poco::Logger* GetModuleLogger(const std::string& name, bool ownFile);
+
+    /// Writes one record of `logger`, as Poco::Logger::log does with a
+    /// message of these fields, but without building a Poco::Message when the
+    /// logger writes to the agent's files: the record is copied straight into
+    /// the file's buffer. The caller has checked the logger's level.
+    static void Log(Poco::Logger& logger, Poco::Message::Priority priority, const char* file, int line,
+                    const std::string& text);
+
+    /// Returns once every record logged so far is written (the agent calls
+    /// it when modules stop and before it exits).
+    void Flush();
 
 private:
     LoggerUtils() = default;

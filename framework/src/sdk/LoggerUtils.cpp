@@ -1,15 +1,13 @@
 #include "SDK/LoggerUtils.h"
 
+#include <cstdint>
 #include <exception>
 #include <map>
 
-#include <Poco/ConsoleChannel.h>
-#include <Poco/FileChannel.h>
-#include <Poco/FormattingChannel.h>
-#include <Poco/SplitterChannel.h>
+#include <Poco/Thread.h>
 
+#include "AsyncLogChannel.h"
 #include "Framework/ConfigManager.h"
-#include "LocationFormatter.h"
 #include "SDK/DirUtils.h"
 
 namespace SDK {
@@ -17,15 +15,15 @@ namespace SDK {
 namespace {
 
 const char* const kCommonFile = "agent.log";
-const char* const kRotateSize = "10 M";
-const char* const kArchivesKept = "5";
+const std::uint64_t kRotateBytes = 10 * 1024 * 1024;
+const int kArchivesKept = 5;
 const unsigned int kLogDirMode = 0750;
 
 /// Loggers handed out so far (name -> file name) and the channel of each
 /// file, shared by all loggers writing to it. Guarded by LoggerUtils::lock.
 struct Registry {
     std::map<std::string, std::string> loggerFiles;
-    std::map<std::string, Poco::AutoPtr<Poco::Channel>> fileChannels;
+    std::map<std::string, AsyncLogChannel::Ptr> fileChannels;
 };
 
 Registry& TheRegistry()
@@ -44,11 +42,6 @@ std::string OwnFileName(const std::string& name)
         }
     }
     return file + ".log";
-}
-
-Poco::AutoPtr<Poco::Channel> Formatted(const Poco::Channel::Ptr& channel)
-{
-    return new Poco::FormattingChannel(new LocationFormatter, channel);
 }
 
 int ParseLevel(const std::string& level, int& out)
@@ -81,6 +74,7 @@ int LoggerUtils::Configure(const std::string& logDir, const std::string& levelNa
     toConsole = console;
     configured = true;
     Registry& registry = TheRegistry();
+    // The former channels write what they hold as they go.
     registry.fileChannels.clear();
     try {
         for (const auto& entry : registry.loggerFiles) {
@@ -135,24 +129,42 @@ Poco::AutoPtr<Poco::Channel> LoggerUtils::ChannelFor(const std::string& fileName
     Registry& registry = TheRegistry();
     auto found = registry.fileChannels.find(fileName);
     if (found != registry.fileChannels.end()) {
-        return found->second;
+        return Poco::AutoPtr<Poco::Channel>(found->second.get(), true);
     }
-    Poco::AutoPtr<Poco::SplitterChannel> splitter(new Poco::SplitterChannel);
-    // Console first: a file that cannot be opened throws, and the console
-    // copy should still have been written.
-    if (toConsole) {
-        splitter->addChannel(Formatted(Poco::Channel::Ptr(new Poco::ConsoleChannel)));
-    }
-    if (!directory.empty()) {
-        Poco::AutoPtr<Poco::FileChannel> file(new Poco::FileChannel(directory + "/" + fileName));
-        file->setProperty(Poco::FileChannel::PROP_ROTATION, kRotateSize);
-        file->setProperty(Poco::FileChannel::PROP_ARCHIVE, "number");
-        file->setProperty(Poco::FileChannel::PROP_PURGECOUNT, kArchivesKept);
-        splitter->addChannel(Formatted(file));
-    }
-    Poco::AutoPtr<Poco::Channel> channel(splitter);
+    const std::string path = directory.empty() ? std::string() : directory + "/" + fileName;
+    AsyncLogChannel::Ptr channel(new AsyncLogChannel(path, toConsole, kRotateBytes, kArchivesKept));
     registry.fileChannels[fileName] = channel;
-    return channel;
+    return Poco::AutoPtr<Poco::Channel>(channel.get(), true);
+}
+
+void LoggerUtils::Log(Poco::Logger& logger, Poco::Message::Priority priority, const char* file, int line,
+                      const std::string& text)
+{
+    Poco::Channel::Ptr channel = logger.getChannel();
+    if (auto* own = dynamic_cast<AsyncLogChannel*>(channel.get())) {
+        own->Append(Poco::Timestamp().epochMicroseconds(), priority, logger.name(), text, file, line);
+        return;
+    }
+    // Poco::Message's constructor asks the kernel for the process id, a
+    // system call that costs more than the rest of a record; copies of one
+    // message made once carry it without asking.
+    static const Poco::Message prototype;
+    Poco::Message message(prototype, text);
+    message.setSource(logger.name());
+    message.setPriority(priority);
+    message.setSourceFile(file);
+    message.setSourceLine(line);
+    message.setTime(Poco::Timestamp());
+    message.setTid(static_cast<long>(Poco::Thread::currentTid()));
+    logger.log(message);
+}
+
+void LoggerUtils::Flush()
+{
+    std::lock_guard<std::mutex> guard(lock);
+    for (auto& entry : TheRegistry().fileChannels) {
+        entry.second->flush();
+    }
 }
 
 } // namespace SDK

@@ -1,8 +1,10 @@
 #include "TwoFactorAuthenticationLog.h"
 
 #include <atomic>
+#include <cstring>
 
 #include "SDK/LoggerUtils.h"
+#include "SDK/PathUtils.h"
 #include "TwoFactorAuthenticationNames.h"
 
 namespace Engine {
@@ -22,6 +24,18 @@ Poco::Logger* GetLoggerPtr()
         cachedLogger.store(logger, std::memory_order_release);
     }
     return logger;
+}
+
+const char* BaseName(const char* file)
+{
+    const std::string base = SDK::PathUtils::GetFileNameFromPath(file);
+    return file + (std::strlen(file) - base.size());
+}
+
+void Write(Poco::Logger& logger, Poco::Message::Priority priority, const char* baseFile, int line,
+           const std::string& text)
+{
+    SDK::LoggerUtils::Log(logger, priority, baseFile, line, text);
 }
 
 } // namespace TwoFactorAuthentication

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstring>
 #include <exception>
 #include <string>
 
@@ -8,7 +7,6 @@
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
 
-#include "SDK/PathUtils.h"
 
 namespace Engine {
 namespace TwoFactorAuthentication {
@@ -17,26 +15,26 @@ namespace TwoFactorAuthentication {
 /// the agent has none (then asked again on the next call).
 Poco::Logger* GetLoggerPtr();
 
-/// Formats and writes one record with the source file's base name and line.
-/// Exceptions of the formatting or the channel are swallowed: a failing
-/// logger never changes what the module does.
+/// The base name of the source file `file` (a __FILE__ literal), as a
+/// pointer into the literal itself: records keep it without a copy.
+const char* BaseName(const char* file);
+
+/// Writes one record of `logger` with the source's base name and line.
+void Write(Poco::Logger& logger, Poco::Message::Priority priority, const char* baseFile, int line,
+           const std::string& text);
+
+/// Formats and writes one record. Exceptions of the formatting or the
+/// channel are swallowed: a failing logger never changes what the module does.
 template <typename... Args>
-void Emit(Poco::Logger& logger, Poco::Message::Priority priority, const char* file, int line,
+void Emit(Poco::Logger& logger, Poco::Message::Priority priority, const char* baseFile, int line,
           const std::string& format, Args... args)
 {
     try {
-        std::string text;
         if constexpr (sizeof...(Args) == 0) {
-            text = format;
+            Write(logger, priority, baseFile, line, format);
         } else {
-            text = Poco::format(format, args...);
+            Write(logger, priority, baseFile, line, Poco::format(format, args...));
         }
-        // Poco::Message keeps a pointer to the file name: point into the
-        // static __FILE__ literal rather than at a temporary string.
-        const std::string base = SDK::PathUtils::GetFileNameFromPath(file);
-        const char* baseInLiteral = file + (std::strlen(file) - base.size());
-        Poco::Message message(logger.name(), text, priority, baseInLiteral, line);
-        logger.log(message);
     } catch (const std::exception&) {
         // Logging must never disturb the caller.
     }
@@ -46,12 +44,14 @@ void Emit(Poco::Logger& logger, Poco::Message::Priority priority, const char* fi
 } // namespace Engine
 
 /// Writes a record when the module logger exists and its level admits `priority`;
-/// the arguments are evaluated only then.
+/// the arguments are evaluated only then. Each call site finds its file's
+/// base name once.
 #define TFA_LOG(priority, ...)                                                                      \
     do {                                                                                            \
         Poco::Logger* tfaLogger_ = ::Engine::TwoFactorAuthentication::GetLoggerPtr();               \
         if (tfaLogger_ != nullptr && tfaLogger_->getLevel() >= (priority)) {                        \
-            ::Engine::TwoFactorAuthentication::Emit(*tfaLogger_, (priority), __FILE__, __LINE__,   \
+            static const char* const tfaFile_ = ::Engine::TwoFactorAuthentication::BaseName(__FILE__); \
+            ::Engine::TwoFactorAuthentication::Emit(*tfaLogger_, (priority), tfaFile_, __LINE__,    \
                                                     __VA_ARGS__);                                   \
         }                                                                                           \
     } while (0)
