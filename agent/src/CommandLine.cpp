@@ -24,6 +24,7 @@ const ValueOption kValueOptions[] = {
     {"--policy", Scope::Run, &CommandLine::policyPath},
     {"--root", Scope::Status, &CommandLine::rootDir},
     {"--sshd", Scope::Status, &CommandLine::sshdPath},
+    {"--user", Scope::Status, &CommandLine::user},
 };
 
 bool InScope(Scope scope, bool status)
@@ -103,7 +104,7 @@ std::string CommandLine::Usage()
            "      Runs the agent: loads the modules of the module directory, pushes them\n"
            "      their policy files, re-reads the policy files on SIGHUP and shuts the\n"
            "      modules down on SIGTERM or SIGINT.\n"
-           "  brackmoor-agent status [--config PATH] [--root DIR] [--sshd PATH]\n"
+           "  brackmoor-agent status [--config PATH] [--root DIR] [--sshd PATH] [--user NAME]\n"
            "      Tells from the files alone whether the second factor is in force;\n"
            "      exit status 0 only when it is.\n"
            "  brackmoor-agent --help | --version\n"
@@ -114,6 +115,7 @@ std::string CommandLine::Usage()
            "  --foreground    log to standard error as well as to the log files\n"
            "  --root DIR      status: look at DIR/etc/ssh, DIR/etc/pam.d, DIR/lib... instead of /\n"
            "  --sshd PATH     status: the sshd binary asked for its effective settings\n"
+           "  --user NAME     status: sshd's settings for NAME's logins (its Match blocks applied)\n"
            "                  (default /usr/sbin/sshd; skipped when it does not exist)\n"
            "\n"
            "Exit status: 0 success; 1 runtime failure (another instance runs, the log\n"

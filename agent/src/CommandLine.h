@@ -36,6 +36,7 @@ struct CommandLine {
     bool foreground = false;    ///< --foreground: log to standard error as well
     std::string rootDir;        ///< status --root: prefix of every system path
     std::string sshdPath = kDefaultSshdPath;  ///< status --sshd: the sshd binary asked for -T
+    std::string user;           ///< status --user: sshd's settings for this user's connection
     std::string error;          ///< why the command line is Invalid
 };
 

@@ -238,3 +238,20 @@ case_timing() {
   done
   e2e_ok "timed logins"
 }
+
+# sshd's password method runs the same PAM stack but cannot answer the
+# module's prompts: a user who is not excluded cannot log in that way, and
+# no code is requested; an excluded user can. The status command says so.
+case_password_method() {
+  e2e_service_mode_setup || return
+  local before
+  before=$(ls /run/brackmoor-verifyd/outbox 2>/dev/null | wc -l)
+  E2E_SSH_METHODS=password e2e_expect_failure "alice cannot log in by the password method" e2e_login_as alice
+  [ "$(ls /run/brackmoor-verifyd/outbox 2>/dev/null | wc -l)" = "$before" ] \
+    && e2e_ok "no code was sent for the password method" || e2e_fail "no code was sent for the password method"
+  E2E_SSH_METHODS=password e2e_expect_success "excluded bob logs in by the password method" e2e_login_as bob
+  local status
+  status=$("$E2E_PREFIX/bin/brackmoor-agent" status --config /etc/brackmoor/agent.conf --user alice 2>&1)
+  printf '%s\n' "$status" | grep -q 'passwordauthentication yes for alice, from .*: the password method runs the same PAM stack' \
+    && e2e_ok "status explains the password method" || e2e_fail "status explains the password method" "$status"
+}

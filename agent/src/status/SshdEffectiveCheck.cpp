@@ -69,22 +69,28 @@ CheckResult Expect(const std::map<std::string, std::string>& settings, const std
 
 } // namespace
 
-CheckResults SshdEffectiveCheck::Inspect(const StatusPaths& paths, const std::string& sshdBinary)
+CheckResults SshdEffectiveCheck::Inspect(const StatusPaths& paths, const std::string& sshdBinary,
+                                         const std::string& user, std::map<std::string, std::string>& settings)
 {
+    settings.clear();
     if (access(sshdBinary.c_str(), X_OK) != 0) {
         return {{CheckLevel::Info, kSubject, sshdBinary + " is not installed; effective settings not checked"}};
     }
     if (geteuid() != 0) {
         return {{CheckLevel::Info, kSubject, "not asked: sshd -T needs root to read the host keys"}};
     }
+    // A connection of `user` from and to the loopback address: Match blocks
+    // for the user apply; those for other hosts or addresses do not.
+    const std::string connection =
+        user.empty() ? "" : " -C " + Quoted("user=" + user + ",host=localhost,addr=127.0.0.1,laddr=127.0.0.1,lport=22");
     std::string output;
     const int status = SDK::ExecuteCmdUtils::ExecuteCmd(
-        Quoted(sshdBinary) + " -T -f " + Quoted(paths.sshdConfig), output, kMaxOutput, kTimeoutSeconds);
+        Quoted(sshdBinary) + " -T -f " + Quoted(paths.sshdConfig) + connection, output, kMaxOutput, kTimeoutSeconds);
     if (status != 0) {
         return {{CheckLevel::Fail, kSubject,
                  "failed (" + FirstLine(output) + "): sshd would not start with this configuration"}};
     }
-    const std::map<std::string, std::string> settings = Settings(output);
+    settings = Settings(output);
     // Older sshd prints challengeresponseauthentication for the same setting.
     return {Expect(settings, {"kbdinteractiveauthentication", "challengeresponseauthentication"},
                    "sshd will not ask for the second factor"),

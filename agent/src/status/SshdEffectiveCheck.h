@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 
 #include "CheckResult.h"
@@ -13,8 +14,12 @@ namespace Agent {
 /// and for callers other than root, for whom sshd -T cannot run.
 class SshdEffectiveCheck {
 public:
-    /// `sshdBinary` is asked with -T -f for the configuration under the root.
-    static CheckResults Inspect(const StatusPaths& paths, const std::string& sshdBinary);
+    /// `sshdBinary` is asked with -T -f for the configuration under the root;
+    /// for the connection of `user` (Match blocks applied) when not empty.
+    /// `settings` receives every effective setting (keyword in lower case),
+    /// empty when sshd was not asked or failed.
+    static CheckResults Inspect(const StatusPaths& paths, const std::string& sshdBinary, const std::string& user,
+                                std::map<std::string, std::string>& settings);
 };
 
 } // namespace Agent

@@ -1,5 +1,6 @@
 #include "StatusCommand.h"
 
+#include <map>
 #include <string>
 
 #include "AgentConfig.h"
@@ -9,6 +10,7 @@
 #include "PamServiceCheck.h"
 #include "PidFile.h"
 #include "PolicyMatchCheck.h"
+#include "SshdBypassCheck.h"
 #include "SshdConfigCheck.h"
 #include "SshdEffectiveCheck.h"
 #include "StatusPaths.h"
@@ -77,7 +79,8 @@ int StatusCommand::Run(const CommandLine& options, std::ostream& out)
     std::string arguments;
     Append(results, PamIncludeCheck::Inspect(paths, switched, arguments));
     Append(results, ModuleCopiesCheck::Inspect(paths));
-    Append(results, SshdEffectiveCheck::Inspect(paths, options.sshdPath));
+    std::map<std::string, std::string> effective;
+    Append(results, SshdEffectiveCheck::Inspect(paths, options.sshdPath, options.user, effective));
     std::string pidFile;
     std::string policyFile;
     ConfiguredFiles(options, paths, pidFile, policyFile, results);
@@ -85,6 +88,7 @@ int StatusCommand::Run(const CommandLine& options, std::ostream& out)
     const bool agentRunning = PidFile::IsHeld(pidFile, pid);
     Append(results, PolicyMatchCheck::Inspect(policyFile, arguments, agentRunning));
     Append(results, AgentProcessCheck::Inspect(pidFile, arguments));
+    Append(results, SshdBypassCheck::Inspect(paths, effective, arguments, options.user));
 
     if (!paths.root.empty()) {
         out << "(system paths under " << paths.root << ")\n";
