@@ -222,21 +222,34 @@ case_kbdinteractive_keyword() {
 
 # Times logins on one sandboxed sshd: password alone (bob) against password
 # and second factor (alice), E2E_TIMING_ROUNDS each.
+# A benchmark, not a test (run by hand, see docs/benchmarks.md): PAIRS pairs
+# of logins, one of excluded bob (password alone) and one of alice (password,
+# contact, code), their order alternating from pair to pair; the median and
+# quartiles of each kind and of the difference within a pair.
 case_timing() {
   e2e_service_mode_setup || return
   export E2E_ANSWER_CONTACT=$E2E_CONTACT_TYPED
-  local rounds=${E2E_TIMING_ROUNDS:-5} user start end total
-  for user in bob alice; do
-    total=0
-    for _ in $(seq "$rounds"); do
+  local pairs=${E2E_TIMING_PAIRS:-30} i user start times=$E2E_WORK/times
+  : > "$times"
+  echo "  load before: $(cut -d' ' -f1-3 /proc/loadavg)"
+  for i in $(seq "$pairs"); do
+    for user in $( [ $((i % 2)) = 0 ] && echo "bob alice" || echo "alice bob"); do
       start=$(date +%s%N)
-      e2e_login_as "$user" || e2e_fail "timed login of $user"
-      end=$(date +%s%N)
-      total=$((total + (end - start) / 1000000))
+      e2e_login_as "$user" >/dev/null || { e2e_fail "timed login of $user"; return; }
+      echo "$i $user $(( ($(date +%s%N) - start) / 1000 ))" >> "$times"
     done
-    printf '  timing: %s %d ms per login (mean of %d)\n' "$user" $((total / rounds)) "$rounds"
   done
-  e2e_ok "timed logins"
+  echo "  load after:  $(cut -d' ' -f1-3 /proc/loadavg)"
+  # Median and quartiles (nearest rank) of a column of numbers, in ms.
+  quartiles() { sort -n | awk '{ v[NR] = $1 } END { printf "%.1f (%.1f .. %.1f)", v[int((NR + 1) / 2)] / 1000,
+                                  v[int((NR + 3) / 4)] / 1000, v[int((3 * NR + 3) / 4)] / 1000 }'; }
+  echo "  | login | median ms (interquartile range) | pairs |"
+  echo "  |---|---|---|"
+  echo "  | password alone (bob, excluded) | $(awk '$2 == "bob" { print $3 }' "$times" | quartiles) | $pairs |"
+  echo "  | password + contact + code (alice) | $(awk '$2 == "alice" { print $3 }' "$times" | quartiles) | $pairs |"
+  echo "  | difference within a pair | $(awk '{ t[$1, $2] = $3; n[$1] = 1 } END { for (i in n) print t[i, "alice"] - t[i, "bob"] }' \
+      "$times" | quartiles) | $pairs |"
+  e2e_ok "timed $pairs pairs of logins"
 }
 
 # sshd's password method runs the same PAM stack but cannot answer the
