@@ -16,8 +16,10 @@ namespace {
 
 // Records gathered before callers wait for the writer.
 const std::size_t kCapacity = 4096;
-// How long a record may wait before the writer takes it.
-const std::chrono::milliseconds kWritePeriod(2);
+// How long a record may wait before the writer takes it: short while records
+// flow, longer once a pass found none, so an idle agent does not keep waking.
+const std::chrono::milliseconds kBusyPeriod(2);
+const std::chrono::milliseconds kIdlePeriod(100);
 
 const char* const kPriorityNames[] = {"", "Fatal", "Critical", "Error", "Warning", "Notice",
                                       "Information", "Debug", "Trace"};
@@ -116,9 +118,11 @@ void AsyncLogChannel::flush()
 void AsyncLogChannel::Run()
 {
     std::unique_lock<std::mutex> guard(lock);
+    bool busy = false;
     for (;;) {
-        wake.wait_for(guard, kWritePeriod,
+        wake.wait_for(guard, busy ? kBusyPeriod : kIdlePeriod,
                       [this] { return stopping || flushing || pendingCount == pending.size(); });
+        busy = pendingCount > 0;
         const bool last = stopping;
         if (pendingCount > 0) {
             std::swap(pending, writing);

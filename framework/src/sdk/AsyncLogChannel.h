@@ -14,9 +14,10 @@ namespace SDK {
 
 /// The agent's log file (and, for a foreground agent, standard error) written
 /// off the caller's thread: log() only copies the record into a buffer; a
-/// writer thread formats what has gathered every few milliseconds and
-/// appends it with one write to the file, so a record reaches the file
-/// within milliseconds and survives a crash of the agent. Nothing is ever
+/// writer thread formats what has gathered every few milliseconds while
+/// records flow (every tenth of a second when idle) and appends it with one
+/// write to the file, so a record reaches the file well within a second and
+/// survives a crash of the agent. Nothing is ever
 /// dropped: a full buffer makes the callers wait for the writer, and
 /// close() and flush() write everything that was logged before they
 /// return. Records are formatted as
