@@ -6,9 +6,11 @@ namespace brackmoor::verifyd {
 
 using namespace Poco::Data::Keywords;
 
-SqlTransaction::SqlTransaction(Poco::Data::Session& connection, Mode mode) : session(connection)
+SqlTransaction::SqlTransaction(Poco::Data::Session& connection, const SqlDialect& dialect,
+                               Mode mode)
+    : session(connection)
 {
-    session << (mode == Mode::Write ? "BEGIN IMMEDIATE" : "BEGIN"), now;
+    session << (mode == Mode::Write ? dialect.BeginWrite() : "BEGIN"), now;
 }
 
 SqlTransaction::~SqlTransaction()
@@ -19,8 +21,9 @@ SqlTransaction::~SqlTransaction()
     try {
         session << "ROLLBACK", now;
     } catch (const Poco::Exception&) {
-        // SQLite has already rolled back when a statement failed hard; either
-        // way nothing of this transaction is left.
+        // The engine has already rolled back when a statement failed hard (or
+        // the connection is gone); either way nothing of this transaction is
+        // left, and the caller discards the session.
     }
 }
 

@@ -78,6 +78,9 @@ public:
     }
     std::string ConfigFile() const { return dir.File("verifyd.ini"); }
     const TestSupport::TempDir& Dir() const { return dir; }
+    const std::string& CaFile() const { return certificates.CaFile(); }
+    unsigned short Port() const { return service->Port(); }
+    brackmoor::verifyd::VerificationApi& Api() { return service->Api(); }
 
     /// Registers an agent with `contacts` (as an operator would type them)
     /// through the administration command's code path; returns its token.
