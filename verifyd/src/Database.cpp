@@ -47,6 +47,24 @@ Poco::Logger& Log()
     return Poco::Logger::get("verifyd.database");
 }
 
+/// An exception's text on one line: libpq spreads its messages over several.
+std::string OneLine(const std::string& message)
+{
+    std::string text;
+    for (const char c : message) {
+        const bool blank = c == '\n' || c == '\t' || c == ' ';
+        if (!blank) {
+            text.push_back(c);
+        } else if (!text.empty() && text.back() != ' ') {
+            text.push_back(' ');
+        }
+    }
+    while (!text.empty() && text.back() == ' ') {
+        text.pop_back();
+    }
+    return text;
+}
+
 /// A pool for `location`, or nullptr and `error` set.
 std::unique_ptr<ConnectionPool> MakePool(const std::string& location, int connections,
                                          const SqlDialect& dialect, std::string& error)
@@ -59,6 +77,8 @@ std::unique_ptr<ConnectionPool> MakePool(const std::string& location, int connec
         }
         return std::make_unique<ConnectionPool>(
             dialect.Connector(), keywords, size, std::chrono::seconds(5), [](Session& session) {
+                // Notices ("already exists, skipping") would go to standard error.
+                session << "SET client_min_messages = warning", now;
                 session << "SET lock_timeout = " + std::to_string(kLockWaitMs), now;
                 session << "SET statement_timeout = " + std::to_string(kStatementLimitMs), now;
             });
@@ -124,7 +144,7 @@ StoreResult Guarded(ConnectionPool& pool, const char* operation, Body&& body)
             throw;
         }
     } catch (const Poco::Exception& e) {
-        Log().error("database: %s failed: %s", std::string(operation), e.displayText());
+        Log().error("database: %s failed: %s", std::string(operation), OneLine(e.displayText()));
         return StoreResult::Failed;
     }
 }
@@ -156,11 +176,11 @@ std::unique_ptr<Database> Database::Open(const std::string& location, int connec
             }
         }
         if (!MigrateSchema(session, dialect, error)) {
-            error = name + ": " + error;
+            error = name + ": " + OneLine(error);
             return nullptr;
         }
     } catch (const Poco::Exception& e) {
-        error = name + ": cannot open the database: " + e.displayText();
+        error = name + ": cannot open the database: " + OneLine(e.displayText());
         return nullptr;
     }
     return std::unique_ptr<Database>(new Database(std::move(pool), dialect));

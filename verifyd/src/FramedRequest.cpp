@@ -38,6 +38,10 @@ FramedRequest FramedRequest::From(const std::string& input)
     } catch (const Poco::Exception&) {
         return Refuse(400, "malformed request");
     }
+    if (head.getVersion() != Poco::Net::HTTPMessage::HTTP_1_1 &&
+        head.getVersion() != Poco::Net::HTTPMessage::HTTP_1_0) {
+        return Refuse(400, "malformed request");
+    }
     if (head.has("Transfer-Encoding")) {
         return Refuse(411, "a request body needs a Content-Length");
     }

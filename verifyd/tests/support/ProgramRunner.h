@@ -1,0 +1,83 @@
+#pragma once
+
+#include <signal.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Pipe.h>
+#include <Poco/PipeStream.h>
+#include <Poco/Process.h>
+#include <Poco/StreamCopier.h>
+
+#include "TestSupport/WaitFor.h"
+
+namespace verifyd_test {
+
+struct Outcome {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+/// Runs the program's binary with `args` to its end and collects its output.
+/// A run that hangs is killed after 20 seconds (status 137).
+inline Outcome Program(std::vector<std::string> args)
+{
+    args.insert(args.begin(), {"-s", "KILL", "20", VERIFYD_PROGRAM});
+    Poco::Pipe out;
+    Poco::Pipe err;
+    Poco::ProcessHandle child = Poco::Process::launch("/usr/bin/timeout", args, nullptr, &out, &err);
+    Outcome outcome;
+    Poco::PipeInputStream outStream(out);
+    Poco::PipeInputStream errStream(err);
+    Poco::StreamCopier::copyToString(outStream, outcome.out);
+    Poco::StreamCopier::copyToString(errStream, outcome.err);
+    outcome.status = child.wait();
+    return outcome;
+}
+
+/// A loopback port that nothing listens on (it was free a moment ago).
+inline unsigned short FreeLoopbackPort()
+{
+    return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port();
+}
+
+/// `program` with `args` running in the background; killed with SIGKILL
+/// when the object goes, unless it has ended before.
+class Background {
+public:
+    Background(const std::string& program, const std::vector<std::string>& args)
+        : child(Poco::Process::launch(program, args))
+    {
+    }
+    ~Background() { Kill(); }
+
+    /// Sends `signal` and waits up to 20 s for the end; the exit status, or
+    /// -1 when it did not end (it is then killed).
+    int Stop(int signal)
+    {
+        ::kill(child.id(), signal);
+        TestSupport::WaitFor([this] { return (status = child.tryWait()) != -1; },
+                             std::chrono::seconds(20));
+        Kill();
+        return status;
+    }
+
+    void Kill()
+    {
+        if (status == -1) {
+            ::kill(child.id(), SIGKILL);
+            child.wait();
+            status = -2;
+        }
+    }
+
+private:
+    Poco::ProcessHandle child;
+    int status = -1;
+};
+
+} // namespace verifyd_test
