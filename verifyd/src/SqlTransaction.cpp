@@ -8,9 +8,15 @@ using namespace Poco::Data::Keywords;
 
 SqlTransaction::SqlTransaction(Poco::Data::Session& connection, const SqlDialect& dialect,
                                Mode mode)
-    : session(connection)
+    : session(connection), direct(dialect.IsPostgres())
 {
-    session << (mode == Mode::Write ? dialect.BeginWrite() : "BEGIN"), now;
+    // POCO's PostgreSQL connector prepares and deallocates every statement it
+    // runs, three round trips more than the session's own BEGIN and COMMIT.
+    if (direct) {
+        session.begin();
+    } else {
+        session << (mode == Mode::Write ? dialect.BeginWrite() : "BEGIN"), now;
+    }
 }
 
 SqlTransaction::~SqlTransaction()
@@ -19,7 +25,11 @@ SqlTransaction::~SqlTransaction()
         return;
     }
     try {
-        session << "ROLLBACK", now;
+        if (direct) {
+            session.rollback();
+        } else {
+            session << "ROLLBACK", now;
+        }
     } catch (const Poco::Exception&) {
         // The engine has already rolled back when a statement failed hard (or
         // the connection is gone); either way nothing of this transaction is
@@ -29,7 +39,11 @@ SqlTransaction::~SqlTransaction()
 
 void SqlTransaction::Commit()
 {
-    session << "COMMIT", now;
+    if (direct) {
+        session.commit();
+    } else {
+        session << "COMMIT", now;
+    }
     open = false;
 }
 

@@ -32,6 +32,7 @@ public:
 
 private:
     Poco::Data::Session& session;
+    const bool direct; ///< through the session's own calls rather than statements
     bool open = true;
 };
 
