@@ -50,7 +50,7 @@ TEST(SqliteSchema, MigratesAVersion1FileInWalModeAndRefusesAFileFromANewerProgra
 
 TEST_P(DatabaseOn, KeepsContactsInOrderUpToTheLimitAndRemovesThemWithTheirAgent)
 {
-    std::unique_ptr<Database> db = Open();
+    std::unique_ptr<Database> db = Open(GetParam().location());
     ASSERT_TRUE(db);
     const std::string digest = Sha256Hex("token-a");
     ASSERT_EQ(db->AddAgent("a", digest), StoreResult::Ok);
@@ -79,10 +79,8 @@ TEST_P(DatabaseOn, TwoHandlesWritingAtOnceLoseNothingAndCountCodesOneAfterTheOth
     // Two Database objects stand for two instances, or an instance and an
     // administration command.
     const std::string location = GetParam().location();
-    std::string error;
-    const std::unique_ptr<Database> handles[] = {Database::Open(location, 4, error),
-                                                 Database::Open(location, 4, error)};
-    ASSERT_TRUE(handles[0] && handles[1]) << error;
+    const std::unique_ptr<Database> handles[] = {Open(location), Open(location)};
+    ASSERT_TRUE(handles[0] && handles[1]);
     ASSERT_EQ(handles[0]->AddAgent("coded", "h"), StoreResult::Ok);
     std::atomic<int> admitted{0};
     std::vector<std::thread> writers;
@@ -126,8 +124,7 @@ INSTANTIATE_TEST_SUITE_P(SQLite, DatabaseOn,
                          ::testing::Values(DatabaseBackend{"file", [] {
                              static int files = 0;
                              return SqliteFolder().File("v" + std::to_string(++files) + ".db");
-                         }}),
-                         BackendName);
+                         }}));
 
 } // namespace
 } // namespace brackmoor::verifyd

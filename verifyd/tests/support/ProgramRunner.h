@@ -59,25 +59,26 @@ public:
     /// -1 when it did not end (it is then killed).
     int Stop(int signal)
     {
+        int status = -1;
         ::kill(child.id(), signal);
-        TestSupport::WaitFor([this] { return (status = child.tryWait()) != -1; },
-                             std::chrono::seconds(20));
+        ended = TestSupport::WaitFor([&] { return (status = child.tryWait()) != -1; },
+                                     std::chrono::seconds(20));
         Kill();
         return status;
     }
 
     void Kill()
     {
-        if (status == -1) {
+        if (!ended) {
             ::kill(child.id(), SIGKILL);
             child.wait();
-            status = -2;
+            ended = true;
         }
     }
 
 private:
     Poco::ProcessHandle child;
-    int status = -1;
+    bool ended = false;
 };
 
 } // namespace verifyd_test
