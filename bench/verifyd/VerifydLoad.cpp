@@ -21,8 +21,9 @@
 // --hold H keeps H connections open against the service during the whole
 // run, from 127.0.0.2 and up, 20 per address (HeldConnections): idle TCP
 // connections or slow TLS requests that never finish. --postgres runs the
-// service on a PostgreSQL server of its own (Debian's package, started as the
-// user postgres; run it in tests/sandbox/sandbox-run).
+// service on a new database of the PostgreSQL server that pg_virtualenv
+// (Debian's postgresql-common) started for the run:
+//   tests/sandbox/sandbox-run pg_virtualenv -t verifyd_load --postgres
 
 #include <algorithm>
 #include <cmath>
@@ -36,7 +37,7 @@
 #include "Framework/ConfigManager.h"
 #include "HeldConnections.h"
 #include "ListClients.h"
-#include "PostgresServer.h"
+#include "PostgresDatabase.h"
 #include "SDK/HttpUtils.h"
 #include "Service.h"
 #include "ServiceConfig.h"
@@ -144,13 +145,11 @@ int main(int argc, char** argv)
     if (!dir.Ok() || !certificates.Ok()) {
         return Fail("cannot prepare certificates: " + certificates.Error());
     }
-    std::unique_ptr<verifyd_test::PostgresServer> postgres;
     std::string database = "path = verifyd.db";
     if (options.postgres) {
-        postgres = std::make_unique<verifyd_test::PostgresServer>();
-        const std::string url = postgres->Ok() ? postgres->NewDatabase() : "";
+        const std::string url = verifyd_test::NewPostgresDatabase();
         if (url.empty()) {
-            return Fail("cannot start a PostgreSQL server (run as root in the sandbox)");
+            return Fail("no PostgreSQL server: run under pg_virtualenv");
         }
         database = "url = " + url;
     }

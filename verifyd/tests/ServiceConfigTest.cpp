@@ -15,17 +15,13 @@ TEST(ServiceConfig, KeysAreReadAndPathsAreRelativeToTheFile)
     std::string error;
     ASSERT_TRUE(LoadServiceConfig(dir.Write("v.ini", kMinimal), c, error)) << error;
     EXPECT_EQ(c.listenAddress, "127.0.0.1") << "only loopback unless configured";
-    EXPECT_EQ(c.DatabaseLocation(), "/var/lib/brackmoor-verifyd/verifyd.db");
-    // The keys the other suites do not use; those they use prove themselves there.
+    // Keys that no other suite reads from a file.
     ASSERT_TRUE(LoadServiceConfig(
         dir.Write("v.ini", kMinimal + "[server]\ntrusted_proxies = 10.0.0.7, ::1\n[smtp]\n"
                                       "host = mx\nport = 2525\nfrom = o@x.org\ntimeout = 4\n"
-                                      "[sms]\ncommand = sms\ntimeout = 7\n[database]\n"
-                                      "url = postgresql://v:pw@db:5433/verifyd\n"),
+                                      "[sms]\ncommand = sms\ntimeout = 7\n"),
         c, error)) << error;
     EXPECT_EQ(c.trustedProxies, (std::set<std::string>{"10.0.0.7", "::1"}));
-    EXPECT_EQ(c.DatabaseLocation(), "postgresql://v:pw@db:5433/verifyd");
-    EXPECT_EQ(c.certificateFile, dir.File("c.pem"));
     EXPECT_EQ(c.smsCommand, dir.File("sms"));
     EXPECT_EQ(c.smtpHost + c.smtpFrom + std::to_string(c.smtpPort), "mxo@x.org2525");
     EXPECT_EQ(c.smtpTimeoutSeconds * 10 + c.smsTimeoutSeconds, 47);

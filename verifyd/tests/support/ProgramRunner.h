@@ -45,40 +45,34 @@ inline unsigned short FreeLoopbackPort()
     return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port();
 }
 
-/// `program` with `args` running in the background; killed with SIGKILL
-/// when the object goes, unless it has ended before.
+/// `program` with `args` running in the background; killed when the object
+/// goes, unless it has been stopped before.
 class Background {
 public:
     Background(const std::string& program, const std::vector<std::string>& args)
         : child(Poco::Process::launch(program, args))
     {
     }
-    ~Background() { Kill(); }
+    ~Background() { Stop(SIGKILL); }
 
-    /// Sends `signal` and waits up to 20 s for the end; the exit status, or
-    /// -1 when it did not end (it is then killed).
+    /// Sends `signal` and waits up to 20 s for the end (then kills it); the
+    /// exit status, or -1 when it did not end in time or was stopped before.
     int Stop(int signal)
     {
         int status = -1;
-        ::kill(child.id(), signal);
-        ended = TestSupport::WaitFor([&] { return (status = child.tryWait()) != -1; },
-                                     std::chrono::seconds(20));
-        Kill();
-        return status;
-    }
-
-    void Kill()
-    {
-        if (!ended) {
+        if (!stopped && ::kill(child.id(), signal) == 0 &&
+            !TestSupport::WaitFor([&] { return (status = child.tryWait()) != -1; },
+                                  std::chrono::seconds(20))) {
             ::kill(child.id(), SIGKILL);
             child.wait();
-            ended = true;
         }
+        stopped = true;
+        return status;
     }
 
 private:
     Poco::ProcessHandle child;
-    bool ended = false;
+    bool stopped = false;
 };
 
 } // namespace verifyd_test
