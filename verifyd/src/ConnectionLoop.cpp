@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 
 #include <Poco/Logger.h>
 #include <Poco/Net/SocketAddress.h>
@@ -237,7 +238,13 @@ void ConnectionLoop::Dispatch(Id id, ClientConnection& connection, FramedRequest
     Watch(id, connection, 0);
     pool.Submit([this, id, keepAlive, framed = std::move(framed), peer = connection.Peer(),
                  address = connection.Address()]() mutable {
-        std::string bytes = requests.Answer(std::move(framed), peer, address, keepAlive);
+        std::string bytes;
+        try {
+            bytes = requests.Answer(std::move(framed), peer, address, keepAlive);
+        } catch (const std::exception&) {
+            // Out of memory, most likely: the client is told, the thread lives on.
+            bytes = RequestHandler::Refusal(500, "internal error", peer);
+        }
         {
             std::lock_guard<std::mutex> guard(answersLock);
             answers.push_back({id, std::move(bytes)});

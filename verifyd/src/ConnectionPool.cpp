@@ -33,10 +33,10 @@ void ConnectionPool::Lease::Discard()
 
 ConnectionPool::ConnectionPool(std::string connector, std::string connectionString,
                                std::size_t capacity, std::chrono::seconds openTimeout,
-                               Prepare prepare)
+                               Prepare prepare, Probe probe)
     : connectorName(std::move(connector)), connection(std::move(connectionString)),
       limit(capacity == 0 ? 1 : capacity), timeout(openTimeout),
-      prepareSession(std::move(prepare))
+      prepareSession(std::move(prepare)), probeServer(std::move(probe))
 {
 }
 
@@ -70,6 +70,10 @@ ConnectionPool::Lease ConnectionPool::Borrow()
     // Opened outside the lock: connecting to a server takes a round trip or
     // more, and the other threads need not wait for it.
     try {
+        std::string why;
+        if (probeServer && !probeServer(why)) {
+            throw Poco::Data::ConnectionFailedException(why);
+        }
         Poco::Data::Session session(connectorName, connection,
                                     static_cast<std::size_t>(timeout.count()));
         if (prepareSession) {

@@ -25,6 +25,9 @@ class ConnectionPool {
 public:
     /// Runs on every new session before it is first lent (pragmas, settings).
     using Prepare = std::function<void(Poco::Data::Session&)>;
+    /// Runs before a session is opened; false and the reason set when there is
+    /// no point in trying (the server does not answer).
+    using Probe = std::function<bool(std::string& why)>;
 
     /// One borrowed session; returned to the pool when the lease ends.
     class Lease {
@@ -50,7 +53,7 @@ public:
     /// `connector` is a registered POCO Data connector ("SQLite", "PostgreSQL");
     /// `openTimeout` bounds how long opening one session may take.
     ConnectionPool(std::string connector, std::string connectionString, std::size_t capacity,
-                   std::chrono::seconds openTimeout, Prepare prepare);
+                   std::chrono::seconds openTimeout, Prepare prepare, Probe probe = nullptr);
     ~ConnectionPool();
 
     ConnectionPool(const ConnectionPool&) = delete;
@@ -69,6 +72,7 @@ private:
     const std::size_t limit;
     const std::chrono::seconds timeout;
     const Prepare prepareSession;
+    const Probe probeServer;
 
     std::mutex lock;
     std::condition_variable returned;

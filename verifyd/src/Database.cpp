@@ -10,6 +10,7 @@
 #include <Poco/File.h>
 #include <Poco/Logger.h>
 #include <Poco/Path.h>
+#include <libpq-fe.h>
 
 #include "ConnectionPool.h"
 #include "PostgresUrl.h"
@@ -75,13 +76,23 @@ std::unique_ptr<ConnectionPool> MakePool(const std::string& location, int connec
         if (!PostgresConnectionString(location, keywords, error)) {
             return nullptr;
         }
-        return std::make_unique<ConnectionPool>(
-            dialect.Connector(), keywords, size, std::chrono::seconds(5), [](Session& session) {
-                // Notices ("already exists, skipping") would go to standard error.
-                session << "SET client_min_messages = warning", now;
-                session << "SET lock_timeout = " + std::to_string(kLockWaitMs), now;
-                session << "SET statement_timeout = " + std::to_string(kStatementLimitMs), now;
-            });
+        const auto prepare = [](Session& session) {
+            // Notices ("already exists, skipping") would go to standard error.
+            session << "SET client_min_messages = warning", now;
+            session << "SET lock_timeout = " + std::to_string(kLockWaitMs), now;
+            session << "SET statement_timeout = " + std::to_string(kStatementLimitMs), now;
+        };
+        // POCO's connector keeps libpq's connection object of a failed attempt
+        // (some 36 KB). Asking the server first, with a call that cleans up
+        // after itself, keeps an outage from costing that on every request.
+        const auto probe = [ping = "connect_timeout=5 " + keywords](std::string& why) {
+            const PGPing answer = PQping(ping.c_str());
+            why = answer == PQPING_NO_RESPONSE ? "the PostgreSQL server does not answer"
+                                               : "the PostgreSQL server refuses connections";
+            return answer == PQPING_OK;
+        };
+        return std::make_unique<ConnectionPool>(dialect.Connector(), keywords, size,
+                                                std::chrono::seconds(5), prepare, probe);
     }
     // SQLite would retry opening a file in a missing folder until its time-out
     // ran out; a missing folder is a configuration error, said at once.
