@@ -10,6 +10,7 @@
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/HTTPSClientSession.h>
+#include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/StreamCopier.h>
 
 #include "SDK/HttpUtils.h"
@@ -34,32 +35,70 @@ ListRequest ThroughSdk(const std::string& agent, const std::string& token,
     };
 }
 
-ListRequest OverKeptConnection(const std::string& agent, const std::string& token,
-                               const std::string& expected, unsigned short port,
-                               const std::string& caFile)
+Poco::Net::Context::Ptr ClientContext(const std::string& caFile)
 {
     Poco::Net::Context::Params params;
     params.caLocation = caFile;
     params.verificationMode = Poco::Net::Context::VERIFY_STRICT;
     Poco::Net::Context::Ptr context =
         new Poco::Net::Context(Poco::Net::Context::TLS_CLIENT_USE, params);
-    auto session = std::make_shared<Poco::Net::HTTPSClientSession>("localhost", port, context);
+    context->enableSessionCache(true);
+    return context;
+}
+
+/// One list request on `session`; true when answered 200 with `expected`.
+bool ListOn(Poco::Net::HTTPSClientSession& session, const std::string& target,
+            const std::string& token, const std::string& expected)
+{
+    try {
+        Poco::Net::HTTPRequest request("GET", target, Poco::Net::HTTPMessage::HTTP_1_1);
+        request.set("X-Auth-Token", token);
+        request.setKeepAlive(session.getKeepAlive());
+        session.sendRequest(request);
+        Poco::Net::HTTPResponse response;
+        std::string body;
+        Poco::StreamCopier::copyToString(session.receiveResponse(response), body);
+        return response.getStatus() == Poco::Net::HTTPResponse::HTTP_OK && body == expected;
+    } catch (const Poco::Exception&) {
+        session.reset();
+        return false;
+    }
+}
+
+ListRequest OverKeptConnection(const std::string& agent, const std::string& token,
+                               const std::string& expected, unsigned short port,
+                               const std::string& caFile)
+{
+    auto session =
+        std::make_shared<Poco::Net::HTTPSClientSession>("localhost", port, ClientContext(caFile));
     session->setKeepAlive(true);
     const std::string target = "/tfa_phone_num?agent_id=" + agent;
+    return [=] { return ListOn(*session, target, token, expected); };
+}
+
+/// A new connection per request, as the agent makes them, resuming the TLS
+/// session of the one before: what an agent costs once its HTTPS client
+/// keeps its session between requests.
+ListRequest WithResumedSession(const std::string& agent, const std::string& token,
+                               const std::string& expected, unsigned short port,
+                               const std::string& caFile)
+{
+    const Poco::Net::Context::Ptr context = ClientContext(caFile);
+    auto last = std::make_shared<Poco::Net::Session::Ptr>();
+    const std::string target = "/tfa_phone_num?agent_id=" + agent;
     return [=] {
+        Poco::Net::HTTPSClientSession session("localhost", port, context, *last);
+        session.setKeepAlive(false);
+        const bool ok = ListOn(session, target, token, expected);
+        // Taken from the socket after the answer: a TLS 1.3 ticket arrives
+        // after the handshake, so HTTPSClientSession::sslSession(), which
+        // keeps the session of the moment it connected, cannot resume.
         try {
-            Poco::Net::HTTPRequest request("GET", target, Poco::Net::HTTPMessage::HTTP_1_1);
-            request.set("X-Auth-Token", token);
-            request.setKeepAlive(true);
-            session->sendRequest(request);
-            Poco::Net::HTTPResponse response;
-            std::string body;
-            Poco::StreamCopier::copyToString(session->receiveResponse(response), body);
-            return response.getStatus() == Poco::Net::HTTPResponse::HTTP_OK && body == expected;
+            *last = Poco::Net::SecureStreamSocket(session.socket()).currentSession();
         } catch (const Poco::Exception&) {
-            session->reset();
-            return false;
+            last->reset();
         }
+        return ok;
     };
 }
 
@@ -78,8 +117,9 @@ ClientTotals RunListClients(int clients, long requests, std::chrono::seconds lim
 
     const auto client = [&] {
         const ListRequest list =
-            connection == Connection::PerRequest
-                ? ThroughSdk(agent, token, expectedBody)
+            connection == Connection::PerRequest ? ThroughSdk(agent, token, expectedBody)
+            : connection == Connection::Resumed
+                ? WithResumedSession(agent, token, expectedBody, port, caFile)
                 : OverKeptConnection(agent, token, expectedBody, port, caFile);
         std::vector<double> latencies;
         long failures = 0;

@@ -17,13 +17,14 @@ struct ClientTotals {
 /// How the clients talk to the service.
 enum class Connection {
     PerRequest, ///< through SDK::HttpUtils: a new TLS connection per request, as the agent does
+    Resumed,    ///< a new TLS connection per request that resumes the client's last session
     KeepAlive,  ///< one persistent TLS connection per client: the server's own cost
 };
 
 /// Runs `clients` threads that GET /tfa_phone_num for `agent` until
 /// `requests` have been sent in all or `limit` has passed, and checks every
 /// answer against `expectedBody`. The SDK's configuration must point at the
-/// service already; `caFile` is used for KeepAlive connections.
+/// service already; `caFile` is used for Resumed and KeepAlive connections.
 ClientTotals RunListClients(int clients, long requests, std::chrono::seconds limit,
                             Connection connection, const std::string& agent,
                             const std::string& token, const std::string& expectedBody,

@@ -1,18 +1,29 @@
 // Load test of brackmoor-verifyd on loopback.
 //
-//   verifyd_load [--requests N] [--seconds S] [--clients C] [--mode sdk|keepalive|both]
+//   verifyd_load [--requests N] [--seconds S] [--clients C]
+//                [--mode sdk|resumption|keepalive|all]
+//                [--hold H --hold-kind idle|slow] [--postgres]
 //
 // Starts the service in this process (8 request threads, TLS, SQLite in a
 // temporary directory), registers one agent with four contacts, and has C
 // clients (8 by default) GET /tfa_phone_num until N requests have been sent
 // (20000 by default) or S seconds have passed (30 by default), once per mode:
 // "sdk" sends through the agent's own HTTP client, one TLS connection per
-// request as the agent does; "keepalive" keeps one TLS connection per client
-// and so shows what a request costs the server by itself. Meanwhile a second
-// database handle, as the administration command would hold, adds and removes
-// contacts of other agents. Afterwards every answer must have been the
-// expected list, every edit must be in the database as made, and SQLite's
-// integrity check must pass; the exit status is 0 only then.
+// request with a full handshake, as the agent does; "resumption" opens a new
+// connection per request too but resumes the client's previous TLS session;
+// "keepalive" keeps one TLS connection per client and so shows what a request
+// costs the server by itself. Meanwhile a second database handle, as the
+// administration command would hold, adds and removes contacts of other
+// agents. Afterwards every answer must have been the expected list, every
+// edit must be in the database as made, and the integrity check must pass;
+// the exit status is 0 only then.
+//
+// --hold H keeps H connections open against the service during the whole
+// run, from 127.0.0.2 and up, 20 per address (HeldConnections): idle TCP
+// connections or slow TLS requests that never finish. --postgres runs the
+// service on a new database of the PostgreSQL server that pg_virtualenv
+// (Debian's postgresql-common) started for the run:
+//   tests/sandbox/sandbox-run pg_virtualenv -t verifyd_load --postgres
 
 #include <algorithm>
 #include <cmath>
@@ -24,7 +35,9 @@
 #include "AdminCommand.h"
 #include "ContactChurn.h"
 #include "Framework/ConfigManager.h"
+#include "HeldConnections.h"
 #include "ListClients.h"
+#include "PostgresDatabase.h"
 #include "SDK/HttpUtils.h"
 #include "Service.h"
 #include "ServiceConfig.h"
@@ -39,12 +52,19 @@ struct Options {
     long requests = 20000;
     int seconds = 30;
     int clients = 8;
-    std::string mode = "both";
+    std::string mode = "all";
+    int hold = 0;
+    std::string holdKind = "idle";
+    bool postgres = false;
 };
 
 bool ParseOptions(int argc, char** argv, Options& options)
 {
-    for (int i = 1; i + 1 < argc; i += 2) {
+    int i = 1;
+    for (; i < argc && std::string(argv[i]) == "--postgres"; ++i) {
+        options.postgres = true;
+    }
+    for (; i + 1 < argc; i += 2) {
         const std::string name = argv[i];
         const std::string value = argv[i + 1];
         if (name == "--requests") {
@@ -55,12 +75,18 @@ bool ParseOptions(int argc, char** argv, Options& options)
             options.clients = std::stoi(value);
         } else if (name == "--mode") {
             options.mode = value;
+        } else if (name == "--hold") {
+            options.hold = std::stoi(value);
+        } else if (name == "--hold-kind") {
+            options.holdKind = value;
         } else {
             return false;
         }
     }
-    return argc % 2 == 1 && options.requests > 0 && options.seconds > 0 && options.clients > 0 &&
-           (options.mode == "sdk" || options.mode == "keepalive" || options.mode == "both");
+    return i == argc && options.requests > 0 && options.seconds > 0 && options.clients > 0 &&
+           options.hold >= 0 && (options.holdKind == "idle" || options.holdKind == "slow") &&
+           (options.mode == "sdk" || options.mode == "resumption" ||
+            options.mode == "keepalive" || options.mode == "all");
 }
 
 double Percentile(std::vector<double> values, double fraction)
@@ -76,7 +102,7 @@ double Percentile(std::vector<double> values, double fraction)
 void Report(const char* mode, const ClientTotals& totals)
 {
     const long sent = totals.requests + totals.failures;
-    std::printf("%-9s requests=%ld failures=%ld seconds=%.2f rps=%.0f p50_ms=%.2f "
+    std::printf("%-10s requests=%ld failures=%ld seconds=%.2f rps=%.0f p50_ms=%.2f "
                 "p99_ms=%.2f max_ms=%.2f\n",
                 mode, sent, totals.failures, totals.elapsed.count(),
                 sent / totals.elapsed.count(), Percentile(totals.latenciesMs, 0.50),
@@ -111,17 +137,25 @@ int main(int argc, char** argv)
 {
     Options options;
     if (!ParseOptions(argc, argv, options)) {
-        return Fail("usage: verifyd_load [--requests N] [--seconds S] [--clients C] "
-                    "[--mode sdk|keepalive|both]");
+        return Fail("usage: verifyd_load [--postgres] [--requests N] [--seconds S] [--clients C] "
+                    "[--mode sdk|resumption|keepalive|all] [--hold H --hold-kind idle|slow]");
     }
     TestSupport::TempDir dir;
     TestSupport::TestCertificates certificates(dir.Path());
     if (!dir.Ok() || !certificates.Ok()) {
         return Fail("cannot prepare certificates: " + certificates.Error());
     }
+    std::string database = "path = verifyd.db";
+    if (options.postgres) {
+        const std::string url = verifyd_test::NewPostgresDatabase();
+        if (url.empty()) {
+            return Fail("no PostgreSQL server: run under pg_virtualenv");
+        }
+        database = "url = " + url;
+    }
     dir.Write("verifyd.ini", "[server]\nport = 0\nthreads = 8\n"
                              "[tls]\ncertificate = server.pem\nprivate_key = server.key\n"
-                             "[database]\npath = verifyd.db\n[outbox]\ndirectory = outbox\n");
+                             "[database]\n" + database + "\n[outbox]\ndirectory = outbox\n");
     brackmoor::verifyd::ServiceConfig config;
     std::string error;
     if (!brackmoor::verifyd::LoadServiceConfig(dir.File("verifyd.ini"), config, error)) {
@@ -147,18 +181,27 @@ int main(int argc, char** argv)
         return Fail("the bench agent cannot be served");
     }
 
-    ContactChurn churn(config.databasePath);
+    ContactChurn churn(config.DatabaseLocation());
     if (!churn.Error().empty()) {
         return Fail(churn.Error());
     }
+    HeldConnections held(options.holdKind == "slow" ? HeldConnections::Kind::Slow
+                                                    : HeldConnections::Kind::Idle,
+                         options.hold, 20, service->Port(), certificates.CaFile());
+    if (options.hold > 0) {
+        held.Start();
+    }
     churn.Start();
-    std::printf("clients=%d request_threads=%d limit: %ld requests or %d s per mode\n",
-                options.clients, config.threads, options.requests, options.seconds);
+    std::printf("clients=%d request_threads=%d database=%s held=%d %s; limit: %ld requests or %d s "
+                "per mode\n",
+                options.clients, config.threads, options.postgres ? "postgresql" : "sqlite",
+                options.hold, options.holdKind.c_str(), options.requests, options.seconds);
     long failures = 0;
     for (const auto& [name, connection] :
          {std::make_pair("sdk", Connection::PerRequest),
+          std::make_pair("resumption", Connection::Resumed),
           std::make_pair("keepalive", Connection::KeepAlive)}) {
-        if (options.mode != "both" && options.mode != name) {
+        if (options.mode != "all" && options.mode != name) {
             continue;
         }
         const ClientTotals totals = RunListClients(
@@ -168,6 +211,11 @@ int main(int argc, char** argv)
         failures += totals.failures;
     }
     churn.Stop();
+    held.Stop();
+    if (options.hold > 0) {
+        std::printf("held connections closed by the service's deadline and opened again: %ld\n",
+                    held.Closed());
+    }
     service->Stop();
 
     const std::string lost = churn.Verify();

@@ -58,6 +58,11 @@ AdminCommand::AdminCommand(Database& store, std::ostream& results, std::ostream&
 {
 }
 
+std::ostream& AdminCommand::Say()
+{
+    return err << "brackmoor-verifyd: ";
+}
+
 std::string AdminCommand::CheckUsage(const std::vector<std::string>& args)
 {
     const std::string command = args.size() >= 2 ? args[0] + " " + args[1] : "";
@@ -83,7 +88,7 @@ AdminCommand::Status AdminCommand::Run(const std::vector<std::string>& args)
 {
     const std::string usage = CheckUsage(args);
     if (!usage.empty()) {
-        err << usage << "\n";
+        Say() << usage << "\n";
         return Misused;
     }
     const std::string command = args[0] + " " + args[1];
@@ -108,19 +113,19 @@ AdminCommand::Status AdminCommand::Run(const std::vector<std::string>& args)
 AdminCommand::Status AdminCommand::AddAgent(const std::string& id)
 {
     if (!IsValidAgentId(id)) {
-        err << "not a valid agent id (1 to 128 letters, digits and . _ - : @): " << id << "\n";
+        Say() << "not a valid agent id (1 to 128 letters, digits and . _ - : @): " << id << "\n";
         return Refused;
     }
     const std::string token = NewToken();
     const std::string hash = Sha256Hex(token);
     if (token.empty() || hash.empty()) {
-        err << "cannot make a token: the random source or the digest failed\n";
+        Say() << "cannot make a token: the random source or the digest failed\n";
         return Refused;
     }
     const Status status = Report(database.AddAgent(id, hash), "agent " + id);
     if (status == Done) {
         out << token << "\n";
-        err << "agent " << id
+        Say() << "agent " << id
             << " added; its token is printed above and will not be shown again\n";
     }
     return status;
@@ -130,7 +135,7 @@ AdminCommand::Status AdminCommand::RemoveAgent(const std::string& id)
 {
     const Status status = Report(database.RemoveAgent(id), "agent " + id);
     if (status == Done) {
-        err << "agent " << id << " removed with its contacts\n";
+        Say() << "agent " << id << " removed with its contacts\n";
     }
     return status;
 }
@@ -150,13 +155,13 @@ AdminCommand::Status AdminCommand::AddContact(const std::string& agent, const st
     std::string why;
     const std::string contact = ValidContact(typed, why);
     if (contact.empty()) {
-        err << why << "\n";
+        Say() << why << "\n";
         return Refused;
     }
     const Status status = Report(database.AddContact(agent, contact),
                                  "contact " + contact + " of agent " + agent);
     if (status == Done) {
-        err << "added " << contact << " (" << KindName(KindOf(contact)) << ") to agent " << agent
+        Say() << "added " << contact << " (" << KindName(KindOf(contact)) << ") to agent " << agent
             << "\n";
     }
     return status;
@@ -169,7 +174,7 @@ AdminCommand::Status AdminCommand::RemoveContact(const std::string& agent,
     const Status status = Report(database.RemoveContact(agent, contact),
                                  "contact " + contact + " of agent " + agent);
     if (status == Done) {
-        err << "removed " << contact << " from agent " << agent << "\n";
+        Say() << "removed " << contact << " from agent " << agent << "\n";
     }
     return status;
 }
@@ -191,17 +196,18 @@ AdminCommand::Status AdminCommand::Report(StoreResult result, const std::string&
     case StoreResult::Ok:
         return Done;
     case StoreResult::NotFound:
-        err << subject << ": not found\n";
+        Say() << subject << ": not found\n";
         break;
     case StoreResult::Duplicate:
-        err << subject << ": already registered\n";
+        Say() << subject << ": already registered\n";
         break;
     case StoreResult::Full:
-        err << subject << ": the agent already has the maximum of " << kMaxContactsPerAgent
-            << " contacts\n";
+        Say() << subject << ": the agent already has the maximum of " << kMaxContactsPerAgent
+              << " contacts\n";
         break;
+    case StoreResult::Limited: // only code requests are limited
     case StoreResult::Failed:
-        err << subject << ": database error\n";
+        Say() << subject << ": database error\n";
         break;
     }
     return Refused;

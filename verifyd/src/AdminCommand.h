@@ -36,7 +36,8 @@ public:
     /// Lets the caller refuse a typo before it opens the database.
     static std::string CheckUsage(const std::vector<std::string>& args);
 
-    /// Runs one subcommand; results go to `out`, messages to `err`.
+    /// Runs one subcommand; results go to `out`, messages to `err`, each line
+    /// starting "brackmoor-verifyd: ".
     Status Run(const std::vector<std::string>& args);
 
 private:
@@ -46,6 +47,10 @@ private:
     Status AddContact(const std::string& agent, const std::string& typed);
     Status RemoveContact(const std::string& agent, const std::string& typed);
     Status ListContacts(const std::string& agent);
+
+    /// Starts a line on the message stream; every one names the program, as
+    /// the program's other messages do.
+    std::ostream& Say();
 
     /// Turns a database outcome into a status, with a message for failures.
     Status Report(StoreResult result, const std::string& subject);

@@ -1,22 +1,21 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
-namespace Poco { namespace Data { class SessionPool; } }
+#include "CodeLimits.h"
+#include "SqlDialect.h"
 
 namespace brackmoor::verifyd {
+
+class ConnectionPool;
 
 /// The agent reads no more than this many entries of a contact list, so the
 /// service never registers more for one agent.
 constexpr int kMaxContactsPerAgent = 32;
-
-/// What a request needs to know about its agent, read from one snapshot.
-struct AgentRecord {
-    std::string tokenHash;             ///< SHA-256 hex of the agent's token
-    std::vector<std::string> contacts; ///< normalised, in the order registered
-};
 
 /// One line of "agent list".
 struct AgentSummary {
@@ -28,25 +27,28 @@ struct AgentSummary {
 /// Outcome of a database operation.
 enum class StoreResult {
     Ok,        ///< done
-    NotFound,  ///< the agent (or the agent's contact) does not exist
+    NotFound,  ///< the agent (or the agent's contact) does not exist, or the token is wrong
     Duplicate, ///< the agent or the contact exists already
     Full,      ///< the agent already has kMaxContactsPerAgent contacts
-    Failed,    ///< SQLite failed; the reason has been logged
+    Limited,   ///< the agent has used up its code requests for now
+    Failed,    ///< the database failed; the reason has been logged
 };
 
-/// The service's state in one SQLite file: agents with their hashed tokens and
-/// their contacts.
+/// The service's state: agents with their hashed tokens, their contacts, and
+/// the code requests counted against the rate limits.
 ///
-/// Opening creates the file if needed, switches it to WAL (readers never wait
-/// for the writer) and migrates the schema. Every operation borrows its own
-/// connection from a pool and runs in its own transaction, so the object can
-/// be shared by all request threads, and several processes (the server and the
-/// administration command) can use the file at once. No operation throws.
+/// Kept in one SQLite file (WAL mode, so readers never wait for the writer),
+/// or in a PostgreSQL database that several instances share. Opening migrates
+/// the schema. Every operation borrows its own connection from a pool and runs
+/// in its own transaction, so the object can be shared by all request threads,
+/// and several processes (instances and the administration command) can use
+/// the database at once. No operation throws.
 class Database {
 public:
-    /// Opens `path` with up to `connections` pooled connections; nullptr and
-    /// `error` set when the file cannot be opened or migrated.
-    static std::unique_ptr<Database> Open(const std::string& path, int connections,
+    /// Opens `location`: a SQLite file path, or a postgresql:// URL (see
+    /// PostgresConnectionString). Up to `connections` are pooled. nullptr and
+    /// `error` set (one line) when it cannot be opened or migrated.
+    static std::unique_ptr<Database> Open(const std::string& location, int connections,
                                           std::string& error);
     ~Database();
 
@@ -56,14 +58,25 @@ public:
     /// Registers a new agent with the digest of its token.
     StoreResult AddAgent(const std::string& id, const std::string& tokenHash);
 
-    /// Removes an agent together with its contacts.
+    /// Removes an agent together with its contacts and counted requests.
     StoreResult RemoveAgent(const std::string& id);
 
     /// All agents, ordered by id.
     StoreResult ListAgents(std::vector<AgentSummary>& agents);
 
-    /// The token digest and contacts of `id`, consistent with each other.
-    StoreResult FindAgent(const std::string& id, AgentRecord& record);
+    /// The contacts of agent `id` when `tokenHash` is its token's digest.
+    /// NotFound for an unknown agent and for a wrong token alike, after the
+    /// same work (one lookup, one constant-time comparison), so that neither
+    /// answer nor timing tells whether an agent id exists.
+    StoreResult Authenticate(const std::string& id, const std::string& tokenHash,
+                             std::vector<std::string>& contacts);
+
+    /// Counts a code request of `agent` at `nowMs` (milliseconds since the
+    /// epoch) when `limits` admit it: Ok. Limited and `retryAfter` set when
+    /// they do not. Requests of one agent are counted one after the other,
+    /// across all processes sharing the database.
+    StoreResult CountCodeRequest(const std::string& agent, std::int64_t nowMs,
+                                 const CodeLimits& limits, std::chrono::seconds& retryAfter);
 
     /// Adds a contact, which the caller has normalised and validated.
     StoreResult AddContact(const std::string& agent, const std::string& contact);
@@ -74,14 +87,16 @@ public:
     /// The agent's contacts in the order registered.
     StoreResult ListContacts(const std::string& agent, std::vector<std::string>& contacts);
 
-    /// SQLite's integrity check: "ok" for a sound file, otherwise its findings
-    /// (or the error that stopped it).
+    /// "ok" for a sound database, otherwise the findings (or the error that
+    /// stopped the check): SQLite's integrity check, or for PostgreSQL, which
+    /// checks its files itself, contacts and counted requests without agent.
     std::string CheckIntegrity();
 
 private:
-    explicit Database(std::unique_ptr<Poco::Data::SessionPool> sessions);
+    Database(std::unique_ptr<ConnectionPool> sessions, SqlDialect engine);
 
-    std::unique_ptr<Poco::Data::SessionPool> pool;
+    std::unique_ptr<ConnectionPool> pool;
+    SqlDialect dialect;
 };
 
 } // namespace brackmoor::verifyd

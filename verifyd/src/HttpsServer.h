@@ -2,23 +2,28 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 
-#include <Poco/Net/HTTPServer.h>
-#include <Poco/ThreadPool.h>
+#include <Poco/Net/Context.h>
+#include <Poco/Net/ServerSocket.h>
 
+#include "ConnectionLoop.h"
+#include "RequestHandler.h"
 #include "ServiceConfig.h"
 #include "VerificationApi.h"
+#include "WorkerPool.h"
 
 namespace brackmoor::verifyd {
 
-/// The TLS listener and its pool of request threads.
+/// The TLS listener: one thread that holds every connection (ConnectionLoop)
+/// and `threads` request threads that only ever see complete requests.
 ///
-/// TLS 1.2 or later only, with the certificate chain and key from the
-/// configuration; clients are not asked for certificates (agents prove who
-/// they are with their tokens). Requests are served by `threads` threads;
-/// up to 64 accepted connections wait when all are busy. Idle keep-alive
-/// connections are closed after 5 seconds and a stalled client after 10, so
-/// slow clients cannot hold the threads for ever.
+/// TLS 1.2 or later, and in TLS 1.2 only ECDHE key exchange with AEAD
+/// ciphers; the certificate chain and key come from the configuration and
+/// must belong together. Clients are not asked for certificates (agents prove
+/// who they are with their tokens). Sessions can be resumed, with TLS 1.3
+/// tickets or TLS 1.2 tickets and session ids, for an hour: an agent that
+/// refreshes its list every few minutes then skips the full handshake.
 class HttpsServer {
 public:
     /// Loads the certificate and key and binds the listening socket; nullptr
@@ -33,20 +38,24 @@ public:
     /// Starts accepting connections.
     void Start();
 
-    /// Stops accepting, lets running requests finish, and waits for them.
+    /// Stops accepting, lets the requests under way finish and be answered,
+    /// and waits for them.
     void Stop();
 
     /// The port actually bound (the configured one, or the one picked for 0).
     unsigned short Port() const { return port; }
 
 private:
-    HttpsServer(std::unique_ptr<Poco::ThreadPool> threads,
-                std::unique_ptr<Poco::Net::HTTPServer> http, unsigned short boundPort);
+    HttpsServer(const ServiceConfig& config, VerificationApi& api, Poco::Net::Context::Ptr tls,
+                Poco::Net::ServerSocket listener);
 
-    std::unique_ptr<Poco::ThreadPool> pool;
-    std::unique_ptr<Poco::Net::HTTPServer> server;
+    Poco::Net::Context::Ptr context;
+    Poco::Net::ServerSocket socket;
     unsigned short port;
-    bool running = false;
+    RequestHandler handler;
+    WorkerPool workers;
+    ConnectionLoop loop;
+    std::thread thread;
 };
 
 } // namespace brackmoor::verifyd

@@ -1,74 +1,81 @@
 #include "RequestHandler.h"
 
 #include <chrono>
+#include <sstream>
 
-#include <Poco/Exception.h>
 #include <Poco/Logger.h>
-#include <Poco/Net/HTTPServerRequest.h>
-#include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/IPAddress.h>
+#include <Poco/String.h>
 
 #include "RequestLog.h"
 
 namespace brackmoor::verifyd {
 namespace {
 
-/// Reads the body unless it is longer than kMaxBodyBytes. A body left unread
-/// makes the connection unusable for a next request, so the caller closes it.
-void ReadBody(Poco::Net::HTTPServerRequest& request, ApiRequest& into)
+std::string Render(const ApiResponse& out, bool keepAlive)
 {
-    if (request.hasContentLength() &&
-        request.getContentLength64() > static_cast<Poco::Int64>(kMaxBodyBytes)) {
-        into.bodyTooLarge = true;
-        return;
+    Poco::Net::HTTPResponse response(Poco::Net::HTTPResponse::HTTP_1_1,
+                                     static_cast<Poco::Net::HTTPResponse::HTTPStatus>(out.status));
+    response.setContentType("application/json; charset=utf-8");
+    response.set("Cache-Control", "no-store");
+    for (const auto& [name, value] : out.headers) {
+        response.set(name, value);
     }
-    std::istream& stream = request.stream();
-    char buffer[1024];
-    while (stream && into.body.size() <= kMaxBodyBytes) {
-        stream.read(buffer, sizeof buffer);
-        into.body.append(buffer, static_cast<std::size_t>(stream.gcount()));
-    }
-    if (into.body.size() > kMaxBodyBytes) {
-        into.bodyTooLarge = true;
-        into.body.clear();
-    }
+    response.setContentLength(static_cast<std::streamsize>(out.body.size()));
+    response.setKeepAlive(keepAlive);
+    std::ostringstream text;
+    response.write(text);
+    return text.str() + out.body;
+}
+
+void Log(const std::string& line)
+{
+    Poco::Logger::get("verifyd.request").information(line);
 }
 
 } // namespace
 
-void RequestHandler::handleRequest(Poco::Net::HTTPServerRequest& request,
-                                   Poco::Net::HTTPServerResponse& response)
+RequestHandler::RequestHandler(VerificationApi& service, std::set<std::string> trustedProxies)
+    : api(service), proxies(std::move(trustedProxies))
+{
+}
+
+std::string RequestHandler::Answer(FramedRequest framed, const std::string& peer,
+                                   const std::string& address, bool keepAlive) const
 {
     const auto start = std::chrono::steady_clock::now();
-    ApiRequest in;
-    in.method = request.getMethod();
-    in.target = request.getURI();
-    if (request.has("X-Auth-Token")) {
-        in.authToken = request.get("X-Auth-Token");
-    }
-    ApiResponse out;
-    try {
-        ReadBody(request, in);
-        out = api.Handle(in);
-        response.setStatusAndReason(
-            static_cast<Poco::Net::HTTPResponse::HTTPStatus>(out.status));
-        response.setContentType("application/json; charset=utf-8");
-        response.set("Cache-Control", "no-store");
-        for (const auto& [name, value] : out.headers) {
-            response.set(name, value);
-        }
-        if (in.bodyTooLarge) {
-            response.setKeepAlive(false);
-        }
-        response.sendBuffer(out.body.data(), out.body.size());
-    } catch (const Poco::Exception& e) {
-        // The client went away or sent a broken body; there is nobody to answer.
-        Poco::Logger::get("verifyd.request").debug("exchange aborted: %s", e.displayText());
-    }
+    framed.request.client = ClientOf(address, framed.forwardedFor);
+    const ApiResponse out = api.Handle(framed.request);
+    const std::string bytes = Render(out, keepAlive);
     const std::chrono::duration<double, std::milli> latency =
         std::chrono::steady_clock::now() - start;
-    Poco::Logger::get("verifyd.request")
-        .information(RequestLogLine(out.agent, in.method, in.target, out.status,
-                                    latency.count(), request.clientAddress().toString()));
+    const std::string client =
+        framed.request.client == address ? "" : " client=" + framed.request.client;
+    Log(RequestLogLine(out.agent, framed.request.method, framed.request.target, out.status,
+                       latency.count(), peer) +
+        client);
+    return bytes;
+}
+
+std::string RequestHandler::Refusal(int status, const std::string& reason, const std::string& peer)
+{
+    const ApiResponse out = VerificationApi::Refusal(status, reason);
+    Log(RequestLogLine("-", "-", "-", status, 0, peer));
+    return Render(out, false);
+}
+
+std::string RequestHandler::ClientOf(const std::string& address,
+                                     const std::string& forwardedFor) const
+{
+    if (forwardedFor.empty() || proxies.count(address) == 0) {
+        return address;
+    }
+    // The last entry is the one the proxy added itself: the address its
+    // client connected from. Entries before it are the client's own claims.
+    const std::string last = Poco::trim(forwardedFor.substr(forwardedFor.rfind(',') + 1));
+    Poco::Net::IPAddress parsed;
+    return Poco::Net::IPAddress::tryParse(last, parsed) ? parsed.toString() : address;
 }
 
 } // namespace brackmoor::verifyd

@@ -36,17 +36,18 @@ std::unique_ptr<Service> Service::Create(const ServiceConfig& config, std::strin
 {
     std::unique_ptr<Service> service(new Service);
     // Every request thread may hold one connection; two more for the rest.
-    service->database = Database::Open(config.databasePath, config.threads + 2, error);
+    service->database = Database::Open(config.DatabaseLocation(), config.threads + 2, error);
     if (!service->database) {
         return nullptr;
     }
-    service->limiter = std::make_unique<RateLimiter>(config.codesPerMinute, config.codesPerHour);
+    service->throttle = std::make_unique<AuthThrottle>(config.authFailuresPerMinute);
     service->courier = MakeCourier(config, error);
     if (!service->courier) {
         return nullptr;
     }
-    service->api = std::make_unique<VerificationApi>(*service->database, *service->limiter,
-                                                     *service->courier);
+    const CodeLimits limits{config.codesPerMinute, config.codesPerHour};
+    service->api = std::make_unique<VerificationApi>(*service->database, limits,
+                                                     *service->throttle, *service->courier);
     Poco::Net::initializeSSL();
     service->sslInitialized = true;
     service->server = HttpsServer::Create(config, *service->api, error);

@@ -6,14 +6,14 @@
 #include "Courier.h"
 #include "Database.h"
 #include "HttpsServer.h"
-#include "RateLimiter.h"
+#include "AuthThrottle.h"
 #include "ServiceConfig.h"
 #include "VerificationApi.h"
 
 namespace brackmoor::verifyd {
 
-/// The running service: database, rate limiter, delivery channels, API and
-/// HTTPS server, built from one configuration. "serve" runs one of these;
+/// The running service: database, throttle, delivery channels, API and HTTPS
+/// server, built from one configuration. "serve" runs one of these;
 /// the tests and the load test run one in their own process.
 class Service {
 public:
@@ -37,11 +37,15 @@ public:
     /// The service's database, shared with whoever runs the service in-process.
     Database& Store() { return *database; }
 
+    /// The requests' handling without the transport, for whoever runs the
+    /// service in-process.
+    VerificationApi& Api() { return *api; }
+
 private:
     Service() = default;
 
     std::unique_ptr<Database> database;
-    std::unique_ptr<RateLimiter> limiter;
+    std::unique_ptr<AuthThrottle> throttle;
     std::unique_ptr<Courier> courier;
     std::unique_ptr<VerificationApi> api;
     std::unique_ptr<HttpsServer> server;

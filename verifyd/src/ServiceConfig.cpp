@@ -1,14 +1,19 @@
 #include "ServiceConfig.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <set>
+#include <sstream>
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Exception.h>
 #include <Poco/Logger.h>
+#include <Poco/Net/IPAddress.h>
 #include <Poco/Path.h>
 #include <Poco/Util/IniFileConfiguration.h>
+
+#include "PostgresUrl.h"
 
 namespace brackmoor::verifyd {
 namespace {
@@ -69,6 +74,25 @@ public:
         target = static_cast<T>(value);
     }
 
+    /// A list of IP addresses separated by blanks or commas.
+    void Addresses(const std::string& key, std::set<std::string>& target)
+    {
+        if (!ini.hasProperty(key)) {
+            return;
+        }
+        std::string text = ini.getString(key);
+        std::replace(text.begin(), text.end(), ',', ' ');
+        std::istringstream words(text);
+        for (std::string word; words >> word;) {
+            Poco::Net::IPAddress address;
+            if (!Poco::Net::IPAddress::tryParse(word, address)) {
+                Fail(key, "not an IP address: " + word);
+                return;
+            }
+            target.insert(address.toString());
+        }
+    }
+
     void Fail(const std::string& key, const std::string& why)
     {
         if (error.empty()) {
@@ -87,12 +111,18 @@ private:
 const std::set<std::string>& KnownKeys()
 {
     static const std::set<std::string> keys = {
-        "server.address",     "server.port",         "server.threads",
-        "tls.certificate",    "tls.private_key",     "database.path",
-        "outbox.directory",   "smtp.host",           "smtp.port",
-        "smtp.from",          "smtp.timeout",        "sms.command",
-        "sms.timeout",        "limits.codes_per_minute", "limits.codes_per_hour",
-        "log.file",           "log.level",
+        "server.address",          "server.port",
+        "server.threads",          "server.request_timeout",
+        "server.connections_per_client", "server.max_connections",
+        "server.trusted_proxies",  "tls.certificate",
+        "tls.private_key",         "database.path",
+        "database.url",            "outbox.directory",
+        "smtp.host",               "smtp.port",
+        "smtp.from",               "smtp.timeout",
+        "sms.command",             "sms.timeout",
+        "limits.codes_per_minute", "limits.codes_per_hour",
+        "limits.auth_failures_per_minute", "log.file",
+        "log.level",
     };
     return keys;
 }
@@ -123,9 +153,14 @@ void ReadKeys(KeyReader& read, ServiceConfig& config)
     read.Text("server.address", config.listenAddress);
     read.Int("server.port", 0, 65535, config.listenPort);
     read.Int("server.threads", 1, 256, config.threads);
+    read.Int("server.request_timeout", 1, 300, config.requestTimeoutSeconds);
+    read.Int("server.connections_per_client", 1, 100000, config.connectionsPerClient);
+    read.Int("server.max_connections", 16, 100000, config.maxConnections);
+    read.Addresses("server.trusted_proxies", config.trustedProxies);
     read.Path("tls.certificate", config.certificateFile);
     read.Path("tls.private_key", config.privateKeyFile);
     read.Path("database.path", config.databasePath);
+    read.Text("database.url", config.databaseUrl);
     read.Path("outbox.directory", config.outboxDir);
     read.Text("smtp.host", config.smtpHost);
     read.Int("smtp.port", 1, 65535, config.smtpPort);
@@ -135,12 +170,16 @@ void ReadKeys(KeyReader& read, ServiceConfig& config)
     read.Int("sms.timeout", 1, 300, config.smsTimeoutSeconds);
     read.Int("limits.codes_per_minute", 1, 1000000, config.codesPerMinute);
     read.Int("limits.codes_per_hour", 1, 1000000, config.codesPerHour);
+    read.Int("limits.auth_failures_per_minute", 1, 1000000, config.authFailuresPerMinute);
     read.Path("log.file", config.logFile);
     read.Text("log.level", config.logLevel);
 }
 
-void CheckValues(KeyReader& read, const ServiceConfig& config)
+void CheckValues(KeyReader& read, const ServiceConfig& config, const AbstractConfiguration& ini)
 {
+    if (ini.hasProperty("database.path") && ini.hasProperty("database.url")) {
+        read.Fail("database.url", "set either database.path (SQLite) or database.url (PostgreSQL)");
+    }
     if (config.listenAddress.empty()) {
         read.Fail("server.address", "must not be empty");
     }
@@ -152,6 +191,11 @@ void CheckValues(KeyReader& read, const ServiceConfig& config)
     }
     if (config.databasePath.empty()) {
         read.Fail("database.path", "must not be empty");
+    }
+    std::string why;
+    std::string keywords;
+    if (!config.databaseUrl.empty() && !PostgresConnectionString(config.databaseUrl, keywords, why)) {
+        read.Fail("database.url", why);
     }
     if (config.outboxDir.empty()) {
         read.Fail("outbox.directory", "must not be empty");
@@ -186,7 +230,7 @@ bool LoadServiceConfig(const std::string& path, ServiceConfig& config, std::stri
     KeyReader read(*ini, path, folder);
     ServiceConfig loaded;
     ReadKeys(read, loaded);
-    CheckValues(read, loaded);
+    CheckValues(read, loaded, *ini);
     if (!read.error.empty()) {
         error = read.error;
         return false;

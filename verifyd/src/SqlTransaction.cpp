@@ -6,9 +6,17 @@ namespace brackmoor::verifyd {
 
 using namespace Poco::Data::Keywords;
 
-SqlTransaction::SqlTransaction(Poco::Data::Session& connection, Mode mode) : session(connection)
+SqlTransaction::SqlTransaction(Poco::Data::Session& connection, const SqlDialect& dialect,
+                               Mode mode)
+    : session(connection), direct(dialect.IsPostgres())
 {
-    session << (mode == Mode::Write ? "BEGIN IMMEDIATE" : "BEGIN"), now;
+    // POCO's PostgreSQL connector prepares and deallocates every statement it
+    // runs, three round trips more than the session's own BEGIN and COMMIT.
+    if (direct) {
+        session.begin();
+    } else {
+        session << (mode == Mode::Write ? dialect.BeginWrite() : "BEGIN"), now;
+    }
 }
 
 SqlTransaction::~SqlTransaction()
@@ -17,16 +25,25 @@ SqlTransaction::~SqlTransaction()
         return;
     }
     try {
-        session << "ROLLBACK", now;
+        if (direct) {
+            session.rollback();
+        } else {
+            session << "ROLLBACK", now;
+        }
     } catch (const Poco::Exception&) {
-        // SQLite has already rolled back when a statement failed hard; either
-        // way nothing of this transaction is left.
+        // The engine has already rolled back when a statement failed hard (or
+        // the connection is gone); either way nothing of this transaction is
+        // left, and the caller discards the session.
     }
 }
 
 void SqlTransaction::Commit()
 {
-    session << "COMMIT", now;
+    if (direct) {
+        session.commit();
+    } else {
+        session << "COMMIT", now;
+    }
     open = false;
 }
 

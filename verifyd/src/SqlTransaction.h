@@ -2,26 +2,26 @@
 
 #include <Poco/Data/Session.h>
 
+#include "SqlDialect.h"
+
 namespace brackmoor::verifyd {
 
-/// One SQLite transaction on a session, rolled back unless committed.
+/// One transaction on a session, rolled back unless committed.
 ///
-/// Writers begin with BEGIN IMMEDIATE, which takes the write lock at once: two
-/// writers (the server and the administration command, say) then queue on the
-/// busy timeout instead of one failing when it tries to upgrade a read lock.
-/// Readers use a deferred transaction, which gives them one consistent snapshot
-/// under WAL without blocking writers.
+/// Writers begin as SqlDialect::BeginWrite says. Readers use a plain
+/// transaction, which gives them one consistent view for several reads
+/// (a snapshot under SQLite's WAL) without blocking writers.
 ///
 /// Only used inside the database layer, whose operations catch the Poco
 /// exceptions that these statements may throw.
 class SqlTransaction {
 public:
     enum class Mode {
-        Read,  ///< BEGIN: a snapshot for several reads
-        Write, ///< BEGIN IMMEDIATE: the write lock from the start
+        Read,  ///< several reads that must agree with each other
+        Write, ///< changes
     };
 
-    SqlTransaction(Poco::Data::Session& connection, Mode mode);
+    SqlTransaction(Poco::Data::Session& connection, const SqlDialect& dialect, Mode mode);
     ~SqlTransaction();
 
     SqlTransaction(const SqlTransaction&) = delete;
@@ -32,6 +32,7 @@ public:
 
 private:
     Poco::Data::Session& session;
+    const bool direct; ///< through the session's own calls rather than statements
     bool open = true;
 };
 

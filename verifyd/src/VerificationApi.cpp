@@ -33,16 +33,14 @@ ApiResponse Answer(int status, const Json::Value& body)
 
 ApiResponse Error(int status, const std::string& message)
 {
-    Json::Value body(Json::objectValue);
-    body["error"] = message;
-    return Answer(status, body);
+    return VerificationApi::Refusal(status, message);
 }
 
 /// The single, non-empty agent_id of the query; false when missing or repeated.
-bool QueryAgent(const Poco::URI& uri, std::string& agent)
+bool QueryAgent(const Poco::URI::QueryParameters& query, std::string& agent)
 {
     int found = 0;
-    for (const auto& [name, value] : uri.getQueryParameters()) {
+    for (const auto& [name, value] : query) {
         if (name == "agent_id") {
             ++found;
             agent = value;
@@ -101,17 +99,28 @@ Json::Value CommList(const std::vector<std::string>& hashes)
 
 } // namespace
 
-VerificationApi::VerificationApi(Database& store, RateLimiter& codeLimiter, Courier& messenger)
-    : database(store), limiter(codeLimiter), courier(messenger)
+VerificationApi::VerificationApi(Database& store, CodeLimits codeLimits, AuthThrottle& guessing,
+                                 Courier& messenger)
+    : database(store), limits(codeLimits), throttle(guessing), courier(messenger)
 {
+}
+
+ApiResponse VerificationApi::Refusal(int status, const std::string& message)
+{
+    Json::Value body(Json::objectValue);
+    body["error"] = message;
+    return Answer(status, body);
 }
 
 ApiResponse VerificationApi::Handle(const ApiRequest& request)
 {
     try {
         Poco::URI uri;
+        Poco::URI::QueryParameters query;
         try {
             uri = Poco::URI(request.target);
+            // Decoding the query finds broken escapes ("%zz") the parse let pass.
+            query = uri.getQueryParameters();
         } catch (const Poco::SyntaxException&) {
             return Error(400, "malformed request target");
         }
@@ -131,26 +140,29 @@ ApiResponse VerificationApi::Handle(const ApiRequest& request)
         }
 
         std::string agent;
-        if (!QueryAgent(uri, agent)) {
+        if (!QueryAgent(query, agent)) {
             return Error(400, "exactly one non-empty agent_id parameter is required");
         }
-        AgentRecord record;
-        const int refused = Authenticate(request, agent, record);
+        std::vector<std::string> contacts;
+        std::chrono::seconds wait(0);
         ApiResponse response;
         std::vector<std::string> hashes;
-        if (refused != 0) {
+        if (!throttle.Allows(request.client, AuthThrottle::Clock::now(), wait)) {
+            response = Error(429, "too many failed authentications from this address");
+            response.headers.emplace_back("Retry-After", std::to_string(wait.count()));
+        } else if (const int refused = Authenticate(request, agent, contacts); refused != 0) {
             response = Error(refused, refused == 401 ? "unknown agent or wrong token"
                                                      : "internal error");
-        } else if (record.contacts.empty()) {
+        } else if (contacts.empty()) {
             response = Error(409, "no contacts are registered for this agent");
-        } else if (!PublishedHashes(record.contacts, hashes)) {
+        } else if (!PublishedHashes(contacts, hashes)) {
             response = Error(500, "internal error");
         } else if (list) {
             Json::Value body(Json::objectValue);
             body["comm_list"] = CommList(hashes);
             response = Answer(200, body);
         } else {
-            response = IssueCode(agent, hashes, record, request.body);
+            response = IssueCode(agent, hashes, contacts, request.body);
         }
         response.agent = agent;
         return response;
@@ -161,39 +173,50 @@ ApiResponse VerificationApi::Handle(const ApiRequest& request)
 }
 
 int VerificationApi::Authenticate(const ApiRequest& request, const std::string& agent,
-                                  AgentRecord& record)
+                                  std::vector<std::string>& contacts)
 {
-    switch (database.FindAgent(agent, record)) {
-    case StoreResult::Ok:
-        break;
-    case StoreResult::NotFound:
-        return 401;
-    default:
-        return 500;
-    }
-    if (!request.authToken) {
-        return 401;
-    }
-    const std::string presented = Sha256Hex(*request.authToken);
+    const std::string presented = Sha256Hex(request.authToken.value_or(""));
     if (presented.empty()) {
         return 500;
     }
-    return SameSecret(presented, record.tokenHash) ? 0 : 401;
+    // Without a token the lookup still runs: no answer may come sooner than
+    // another and so tell something about the agent.
+    const StoreResult found = database.Authenticate(agent, presented, contacts);
+    if (found == StoreResult::Ok && request.authToken) {
+        return 0;
+    }
+    if (found == StoreResult::Failed) {
+        return 500;
+    }
+    throttle.Failed(request.client, AuthThrottle::Clock::now());
+    return 401;
 }
 
 ApiResponse VerificationApi::IssueCode(const std::string& agent,
                                        const std::vector<std::string>& hashes,
-                                       const AgentRecord& record, const std::string& body)
+                                       const std::vector<std::string>& contacts,
+                                       const std::string& body)
 {
     long long reference = 0;
     if (!RandomNum(body, reference)) {
         return Error(400, "the body must be a JSON object with an integer random_num");
     }
     std::chrono::seconds retryAfter(0);
-    if (!limiter.TryAcquire(agent, RateLimiter::Clock::now(), retryAfter)) {
+    const auto nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                           std::chrono::system_clock::now().time_since_epoch())
+                           .count();
+    switch (database.CountCodeRequest(agent, nowMs, limits, retryAfter)) {
+    case StoreResult::Ok:
+        break;
+    case StoreResult::Limited: {
         ApiResponse response = Error(429, "too many code requests");
         response.headers.emplace_back("Retry-After", std::to_string(retryAfter.count()));
         return response;
+    }
+    case StoreResult::NotFound:
+        return Error(401, "unknown agent or wrong token"); // removed a moment ago
+    default:
+        return Error(500, "internal error");
     }
     const std::string code = NewCode();
     if (code.empty()) {
@@ -201,7 +224,7 @@ ApiResponse VerificationApi::IssueCode(const std::string& agent,
     }
     const std::string text = "Brackmoor verification code " + code + " for login reference " +
                              std::to_string(reference);
-    if (!courier.DeliverToAll(agent, record.contacts, text)) {
+    if (!courier.DeliverToAll(agent, contacts, text)) {
         return Error(502, "the code could not be delivered");
     }
     Json::Value answer(Json::objectValue);

@@ -140,9 +140,11 @@ int VerifydApplication::Serve(const ServiceConfig& config)
     Poco::Logger& log = Poco::Logger::get("verifyd");
     std::unique_ptr<Service> service = Service::Create(config, error);
     if (!service) {
-        log.fatal(error);
+        // Always the one line on standard error; the log file (if any) keeps
+        // it too, next to the records of the runs before.
+        std::cerr << "brackmoor-verifyd: " << error << "\n";
         if (!config.logFile.empty()) {
-            std::cerr << "brackmoor-verifyd: " << error << "\n";
+            log.fatal(error);
         }
         return kBadConfiguration;
     }
@@ -160,7 +162,7 @@ int VerifydApplication::Administer(const ServiceConfig& config,
 {
     LogToConsole();
     std::string error;
-    std::unique_ptr<Database> database = Database::Open(config.databasePath, 2, error);
+    std::unique_ptr<Database> database = Database::Open(config.DatabaseLocation(), 2, error);
     if (!database) {
         std::cerr << "brackmoor-verifyd: " << error << "\n";
         return kBadConfiguration;

@@ -1,31 +1,53 @@
+#include <atomic>
 #include <thread>
 
+#include <Poco/Data/SQLite/Connector.h>
 #include <Poco/Data/Session.h>
 #include <gtest/gtest.h>
 
 #include "Database.h"
 #include "Schema.h"
+#include "Secrets.h"
 #include "TestSupport/TempDir.h"
 
 namespace brackmoor::verifyd {
+
+/// A new, empty database of the engine this binary tests: a SQLite file
+/// here, a PostgreSQL database where VERIFYD_POSTGRES is defined.
+std::string NewDatabase();
+
 namespace {
 
 using namespace Poco::Data::Keywords;
 
-std::unique_ptr<Database> OpenOrFail(const std::string& path)
+std::unique_ptr<Database> Open(const std::string& location)
 {
     std::string error;
-    std::unique_ptr<Database> database = Database::Open(path, 4, error);
+    std::unique_ptr<Database> database = Database::Open(location, 4, error);
     EXPECT_TRUE(database) << error;
     return database;
 }
 
-TEST(Database, CreatesTheSchemaInWalModeAndRefusesAFileFromANewerProgram)
+#ifndef VERIFYD_POSTGRES
+TEST(SqliteSchema, MigratesAVersion1FileInWalModeAndRefusesAFileFromANewerProgram)
 {
     TestSupport::TempDir dir;
     const std::string path = dir.File("v.db");
-    ASSERT_TRUE(OpenOrFail(path));
-    ASSERT_TRUE(OpenOrFail(path)); // migrating an up-to-date file changes nothing
+    Poco::Data::SQLite::Connector::registerConnector();
+    {
+        Poco::Data::Session old("SQLite", path);
+        old << "CREATE TABLE agents (id TEXT PRIMARY KEY NOT NULL, token_sha256 TEXT NOT NULL,"
+               " created_at INTEGER NOT NULL)", now;
+        old << "CREATE TABLE contacts (id INTEGER PRIMARY KEY, agent_id TEXT NOT NULL,"
+               " contact TEXT NOT NULL, created_at INTEGER NOT NULL)", now;
+        old << "INSERT INTO agents VALUES ('a', '" + Sha256Hex("t") + "', 0)", now;
+        old << "PRAGMA user_version = 1", now;
+    }
+    std::string error;
+    std::vector<std::string> contacts;
+    ASSERT_TRUE(Database::Open(path, 2, error)) << error;
+    EXPECT_EQ(Database::Open(path, 2, error)->Authenticate("a", Sha256Hex("t"), contacts),
+              StoreResult::Ok) << "an up-to-date file is opened as it is, rows kept";
 
     Poco::Data::Session session("SQLite", path);
     int version = -1;
@@ -36,68 +58,86 @@ TEST(Database, CreatesTheSchemaInWalModeAndRefusesAFileFromANewerProgram)
     EXPECT_EQ(journal, "wal");
 
     session << "PRAGMA user_version = " + std::to_string(kSchemaVersion + 1), now;
-    std::string error;
     EXPECT_FALSE(Database::Open(path, 2, error));
     EXPECT_NE(error.find("newer"), std::string::npos) << error;
 }
+#endif
 
 TEST(Database, KeepsContactsInOrderUpToTheLimitAndRemovesThemWithTheirAgent)
 {
-    TestSupport::TempDir dir;
-    std::unique_ptr<Database> db = OpenOrFail(dir.File("v.db"));
+    std::unique_ptr<Database> db = Open(NewDatabase());
     ASSERT_TRUE(db);
-    ASSERT_EQ(db->AddAgent("a", "hash-a"), StoreResult::Ok);
+    const std::string digest = Sha256Hex("token-a");
+    ASSERT_EQ(db->AddAgent("a", digest), StoreResult::Ok);
+    EXPECT_EQ(db->AddAgent("a", digest), StoreResult::Duplicate);
     for (int i = 0; i < kMaxContactsPerAgent; ++i) {
         ASSERT_EQ(db->AddContact("a", "+49151000000" + std::to_string(10 + i)), StoreResult::Ok);
     }
     EXPECT_EQ(db->AddContact("a", "late@example.org"), StoreResult::Full);
     ASSERT_EQ(db->RemoveContact("a", "+4915100000011"), StoreResult::Ok);
 
-    AgentRecord record;
-    ASSERT_EQ(db->FindAgent("a", record), StoreResult::Ok);
-    EXPECT_EQ(record.contacts.size(), static_cast<std::size_t>(kMaxContactsPerAgent - 1));
-    EXPECT_EQ(record.contacts[1], "+4915100000012") << "registration order, gaps closed";
+    std::vector<std::string> contacts;
+    EXPECT_EQ(db->Authenticate("a", Sha256Hex("token-b"), contacts), StoreResult::NotFound);
+    ASSERT_EQ(db->Authenticate("a", digest, contacts), StoreResult::Ok);
+    EXPECT_EQ(contacts.size(), static_cast<std::size_t>(kMaxContactsPerAgent - 1));
+    EXPECT_EQ(contacts[1], "+4915100000012") << "registration order, gaps closed";
 
     ASSERT_EQ(db->RemoveAgent("a"), StoreResult::Ok);
-    EXPECT_EQ(db->FindAgent("a", record), StoreResult::NotFound);
-    ASSERT_EQ(db->AddAgent("a", "hash-new"), StoreResult::Ok);
-    std::vector<std::string> contacts{"stale"};
+    EXPECT_EQ(db->Authenticate("a", digest, contacts), StoreResult::NotFound);
+    ASSERT_EQ(db->AddAgent("a", digest), StoreResult::Ok);
     ASSERT_EQ(db->ListContacts("a", contacts), StoreResult::Ok);
     EXPECT_TRUE(contacts.empty()) << "contacts must go with their agent";
 }
 
-TEST(Database, TwoHandlesWritingAtOnceLoseNothing)
+TEST(Database, TwoHandlesWritingAtOnceLoseNothingAndCountCodesOneAfterTheOther)
 {
-    // Two Database objects stand for the server and an administration command.
-    TestSupport::TempDir dir;
-    const std::unique_ptr<Database> handles[] = {OpenOrFail(dir.File("v.db")),
-                                                 OpenOrFail(dir.File("v.db"))};
+    // Two Database objects stand for two instances, or an instance and an
+    // administration command.
+    const std::string location = NewDatabase();
+    const std::unique_ptr<Database> handles[] = {Open(location), Open(location)};
     ASSERT_TRUE(handles[0] && handles[1]);
+    ASSERT_EQ(handles[0]->AddAgent("coded", "h"), StoreResult::Ok);
+    std::atomic<int> admitted{0};
     std::vector<std::thread> writers;
     for (int w = 0; w < 4; ++w) {
-        writers.emplace_back([&db = *handles[w % 2], w] {
+        writers.emplace_back([&db = *handles[w % 2], &admitted, w] {
             const std::string agent = "agent-" + std::to_string(w);
             ASSERT_EQ(db.AddAgent(agent, "h"), StoreResult::Ok);
-            for (int i = 0; i < 40; ++i) {
+            for (int i = 0; i < 30; ++i) {
                 const std::string contact = "+4915100000" + std::to_string(100 + i);
                 ASSERT_EQ(db.AddContact(agent, contact), StoreResult::Ok);
                 if (i % 2 == 1) {
                     ASSERT_EQ(db.RemoveContact(agent, contact), StoreResult::Ok);
                 }
+                std::chrono::seconds retry(0);
+                const StoreResult counted = db.CountCodeRequest("coded", 1000000, {3, 20}, retry);
+                ASSERT_TRUE(counted == StoreResult::Ok || counted == StoreResult::Limited);
+                admitted += counted == StoreResult::Ok ? 1 : 0;
             }
         });
     }
     for (std::thread& writer : writers) {
         writer.join();
     }
+    EXPECT_EQ(admitted.load(), 3) << "three a minute, whichever handle counts";
     std::vector<AgentSummary> agents;
     ASSERT_EQ(handles[0]->ListAgents(agents), StoreResult::Ok);
-    ASSERT_EQ(agents.size(), 4u);
+    ASSERT_EQ(agents.size(), 5u);
     for (const AgentSummary& agent : agents) {
-        EXPECT_EQ(agent.contacts, 20) << agent.id;
+        EXPECT_EQ(agent.contacts, agent.id == "coded" ? 0 : 15) << agent.id;
     }
     EXPECT_EQ(handles[1]->CheckIntegrity(), "ok");
 }
 
 } // namespace
+
+#ifndef VERIFYD_POSTGRES
+std::string NewDatabase()
+{
+    static TestSupport::TempDir dir;
+    static int files = 0;
+    return dir.File("v" + std::to_string(++files) + ".db");
+}
+#endif
+
 } // namespace brackmoor::verifyd

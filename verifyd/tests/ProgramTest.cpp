@@ -1,47 +1,14 @@
-#include <signal.h>
-
 #include <regex>
 
-#include <Poco/Net/ServerSocket.h>
-#include <Poco/Pipe.h>
-#include <Poco/PipeStream.h>
-#include <Poco/Process.h>
-#include <Poco/StreamCopier.h>
 #include <gtest/gtest.h>
 
 #include "Framework/ConfigManager.h"
-#include "TestSupport/WaitFor.h"
+#include "ProgramRunner.h"
+#include "TestSupport/TestCertificates.h"
 #include "VerifydHarness.h"
 
 namespace verifyd_test {
 namespace {
-
-struct Outcome {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-/// Runs the installed program's binary with `args` and collects its output.
-Outcome Program(const std::vector<std::string>& args)
-{
-    Poco::Pipe out;
-    Poco::Pipe err;
-    Poco::ProcessHandle child = Poco::Process::launch(VERIFYD_PROGRAM, args, nullptr, &out, &err);
-    Outcome outcome;
-    Poco::PipeInputStream outStream(out);
-    Poco::PipeInputStream errStream(err);
-    Poco::StreamCopier::copyToString(outStream, outcome.out);
-    Poco::StreamCopier::copyToString(errStream, outcome.err);
-    outcome.status = child.wait();
-    return outcome;
-}
-
-/// A loopback port that nothing listens on (it was free a moment ago).
-unsigned short FreeLoopbackPort()
-{
-    return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port();
-}
 
 TEST(Program, AdministersAgentsAndContactsAndServesUntilSigterm)
 {
@@ -80,7 +47,8 @@ TEST(Program, AdministersAgentsAndContactsAndServesUntilSigterm)
     for (const auto& c : cases) {
         const Outcome outcome = admin(c.args);
         EXPECT_EQ(outcome.status, c.status) << c.args.back() << ": " << outcome.err;
-        EXPECT_NE(outcome.err, "") << c.args.back();
+        EXPECT_TRUE(std::regex_match(outcome.err, std::regex("brackmoor-verifyd: [^\n]+\n")))
+            << c.args.back() << ": " << outcome.err;
     }
     const Outcome agents = admin({"agent", "list"});
     EXPECT_TRUE(std::regex_match(agents.out, std::regex("web-07\t1\t\\d{4}-\\d\\d-\\d\\dT[0-9:]{8}Z\n")))
@@ -91,7 +59,7 @@ TEST(Program, AdministersAgentsAndContactsAndServesUntilSigterm)
     // From here on no ASSERT: the server must always be stopped.
     const unsigned short port = FreeLoopbackPort();
     const std::string config = files.WriteConfig("serve.ini", port, "[log]\nfile = serve.log\n");
-    Poco::ProcessHandle server = Poco::Process::launch(VERIFYD_PROGRAM, {"--config", config});
+    Background server(VERIFYD_PROGRAM, {"--config", config});
     Framework::ConfigManager::GetInstance()->Set("service.address",
                                                  "localhost:" + std::to_string(port));
     Reply reply;
@@ -109,35 +77,47 @@ TEST(Program, AdministersAgentsAndContactsAndServesUntilSigterm)
               std::string::npos)
         << second.err;
 
-    ::kill(server.id(), SIGTERM);
-    int status = -1;
-    EXPECT_TRUE(TestSupport::WaitFor([&] { return (status = server.tryWait()) != -1; },
-                                     std::chrono::seconds(20)));
-    if (status == -1) {
-        ::kill(server.id(), SIGKILL);
-        server.wait();
-    }
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(server.Stop(SIGTERM), 0);
     const std::string log = TestSupport::ReadWholeFile(files.Dir().File("serve.log"));
     EXPECT_NE(log.find("path=/tfa_phone_num status=200"), std::string::npos) << log;
 }
 
-TEST(Program, UsageAndConfigurationErrorsExitWith2AndOneLine)
+TEST(Program, UsageConfigurationAndStartErrorsExitWith2AndOneLineAtOnce)
 {
     TestSupport::TempDir dir;
+    TestSupport::TestCertificates mine(dir.Path());
+    TestSupport::TestCertificates other(dir.Path(), "other-");
+    ASSERT_TRUE(mine.Ok() && other.Ok());
+    const auto config = [&dir](const std::string& name, const std::string& key,
+                               const std::string& database) {
+        return dir.Write(name, "[server]\nport = 0\n[tls]\ncertificate = server.pem\n"
+                               "private_key = " + key + "\n[database]\n" + database +
+                                   "\n[outbox]\ndirectory = outbox\n");
+    };
     const std::string bad = dir.Write("bad.ini", "[server]\nprot = 1\n");
+    const std::string foreignKey = config("key.ini", "other-server.key", "path = v.db");
+    const std::string noFolder = config("folder.ini", "server.key", "path = absent/v.db");
+    const std::string noServer =
+        config("pg.ini", "server.key", "url = postgresql://verifyd@127.0.0.1:1/verifyd");
     const std::vector<std::vector<std::string>> cases = {
         {"--config", bad, "agent", "list"},
         {"--config", dir.File("absent.ini"), "agent", "list"},
         {"--config", bad, "agent", "add"},
         {"--config", bad, "frobnicate"},
         {"--no-such-option"},
+        {"--config", foreignKey, "serve"},
+        {"--config", noFolder, "serve"},
+        {"--config", noFolder, "agent", "list"},
+        {"--config", noServer, "serve"},
+        {"--config", noServer, "agent", "list"},
     };
     for (const auto& args : cases) {
+        const auto start = std::chrono::steady_clock::now();
         const Outcome outcome = Program(args);
-        EXPECT_EQ(outcome.status, 2) << args.back() << ": " << outcome.err;
+        EXPECT_EQ(outcome.status, 2) << args[1] << " " << args.back() << ": " << outcome.err;
         EXPECT_TRUE(std::regex_match(outcome.err, std::regex("brackmoor-verifyd: [^\n]+\n")))
             << outcome.err;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << args[1];
     }
 }
 

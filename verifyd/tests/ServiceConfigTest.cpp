@@ -15,26 +15,16 @@ TEST(ServiceConfig, KeysAreReadAndPathsAreRelativeToTheFile)
     std::string error;
     ASSERT_TRUE(LoadServiceConfig(dir.Write("v.ini", kMinimal), c, error)) << error;
     EXPECT_EQ(c.listenAddress, "127.0.0.1") << "only loopback unless configured";
-    EXPECT_EQ(c.codesPerHour, 20);
-
-    // The keys the other suites do not use; those they use prove themselves there.
-    const std::string file = dir.Write(
-        "v.ini", kMinimal + "[server]\naddress = 0.0.0.0\n[database]\npath = state/v.db\n"
-                            "[smtp]\nhost = mx.local\nport = 2525\nfrom = otp@x.org\ntimeout = 4\n"
-                            "[sms]\ncommand = sms\ntimeout = 7\n[log]\nlevel = debug\n"
-                            "[limits]\ncodes_per_minute = 5\ncodes_per_hour = 50\n");
-    ASSERT_TRUE(LoadServiceConfig(file, c, error)) << error;
-    EXPECT_EQ(c.listenAddress, "0.0.0.0");
-    EXPECT_EQ(c.certificateFile, dir.File("c.pem"));
-    EXPECT_EQ(c.databasePath, dir.File("state/v.db"));
-    EXPECT_EQ(c.smtpHost, "mx.local");
-    EXPECT_EQ(c.smtpPort, 2525);
-    EXPECT_EQ(c.smtpFrom, "otp@x.org");
-    EXPECT_EQ(c.smtpTimeoutSeconds, 4);
-    EXPECT_EQ(c.smsTimeoutSeconds, 7);
-    EXPECT_EQ(c.logLevel, "debug");
-    EXPECT_EQ(c.codesPerMinute, 5);
-    EXPECT_EQ(c.codesPerHour, 50);
+    // Keys that no other suite reads from a file.
+    ASSERT_TRUE(LoadServiceConfig(
+        dir.Write("v.ini", kMinimal + "[server]\ntrusted_proxies = 10.0.0.7, ::1\n[smtp]\n"
+                                      "host = mx\nport = 2525\nfrom = o@x.org\ntimeout = 4\n"
+                                      "[sms]\ncommand = sms\ntimeout = 7\n"),
+        c, error)) << error;
+    EXPECT_EQ(c.trustedProxies, (std::set<std::string>{"10.0.0.7", "::1"}));
+    EXPECT_EQ(c.smsCommand, dir.File("sms"));
+    EXPECT_EQ(c.smtpHost + c.smtpFrom + std::to_string(c.smtpPort), "mxo@x.org2525");
+    EXPECT_EQ(c.smtpTimeoutSeconds * 10 + c.smsTimeoutSeconds, 47);
 }
 
 TEST(ServiceConfig, BadFilesAreRefusedNamingTheKey)
@@ -48,6 +38,12 @@ TEST(ServiceConfig, BadFilesAreRefusedNamingTheKey)
         {kMinimal + "[server]\nport = 84x3\n", "server.port"},
         {kMinimal + "[server]\nthreads = 0\n", "server.threads"},
         {kMinimal + "[server]\nthread = 4\n", "server.thread: unknown key"},
+        {kMinimal + "[server]\nrequest_timeout = 0\n", "server.request_timeout"},
+        {kMinimal + "[server]\ntrusted_proxies = 10.0.0.1 proxy\n", "not an IP address: proxy"},
+        {kMinimal + "[database]\npath = v.db\nurl = postgresql://h/v\n", "set either"},
+        {kMinimal + "[database]\nurl = mysql://h/v\n", "database.url"},
+        {kMinimal + "[database]\nurl = postgresql://h\n", "must name one database"},
+        {kMinimal + "[database]\nurl = postgresql://u:p%20w@h/v\n", "password must not contain"},
         {kMinimal + "[smtp]\nhost = mx.local\n", "smtp.from"},
         {kMinimal + "[limits]\ncodes_per_minute = -1\n", "limits.codes_per_minute"},
         {kMinimal + "[log]\nlevel = loud\n", "log.level"},
@@ -60,6 +56,7 @@ TEST(ServiceConfig, BadFilesAreRefusedNamingTheKey)
         EXPECT_FALSE(LoadServiceConfig(file, config, error)) << c.text;
         EXPECT_NE(error.find(c.mentioned), std::string::npos) << error;
         EXPECT_EQ(error.find('\n'), std::string::npos) << error;
+        EXPECT_EQ(error.find("p w"), std::string::npos) << "never the password: " << error;
     }
     ServiceConfig config;
     std::string error;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <Poco/File.h>
+#include <gtest/gtest.h>
 #include <json/json.h>
 
 #include "AdminCommand.h"
@@ -39,8 +40,7 @@ struct Reply {
 class VerifydHarness {
 public:
     /// `extraConfig` is appended to the INI file, for instance "[sms]\ncommand = hook.sh\n".
-    explicit VerifydHarness(const std::string& extraConfig = "")
-        : certificates(dir.Path())
+    explicit VerifydHarness(const std::string& extraConfig = "") : certificates(dir.Path())
     {
         brackmoor::verifyd::ServiceConfig config;
         if (!certificates.Ok()) {
@@ -54,12 +54,6 @@ public:
             Framework::ConfigManager* agent = Framework::ConfigManager::GetInstance();
             agent->Set("service.address", "localhost:" + std::to_string(service->Port()));
             agent->Set("service.ca_file", certificates.CaFile());
-        }
-    }
-    ~VerifydHarness()
-    {
-        if (service) {
-            service->Stop();
         }
     }
 
@@ -78,6 +72,9 @@ public:
     }
     std::string ConfigFile() const { return dir.File("verifyd.ini"); }
     const TestSupport::TempDir& Dir() const { return dir; }
+    const std::string& CaFile() const { return certificates.CaFile(); }
+    unsigned short Port() const { return service->Port(); }
+    brackmoor::verifyd::VerificationApi& Api() { return service->Api(); }
 
     /// Registers an agent with `contacts` (as an operator would type them)
     /// through the administration command's code path; returns its token.
@@ -90,8 +87,7 @@ public:
         for (const std::string& contact : contacts) {
             added = added && admin.Run({"contact", "add", id, contact}) == 0;
         }
-        const std::string token = out.str();
-        return added ? token.substr(0, token.find('\n')) : "";
+        return added ? out.str().substr(0, 64) : "";
     }
 
     /// `method` ("GET" or "POST") "https://SERVICE_ADDRESS<path>" through SDK::HttpUtils.
@@ -125,7 +121,7 @@ public:
 private:
     TestSupport::TempDir dir;
     TestSupport::TestCertificates certificates;
-    std::unique_ptr<brackmoor::verifyd::Service> service;
+    std::unique_ptr<brackmoor::verifyd::Service> service; // stops before the folder goes
     std::string error;
 };
 
@@ -137,5 +133,51 @@ inline std::string AgentSideHash(const std::string& typed)
     SDK::CryptoCodeUtils::GetStrSha256(brackmoor::NormalizeContact(typed), hash, 10240);
     return hash;
 }
+
+/// Contacts as the operator registered them, and as users type them at the login prompt.
+const std::vector<std::string> kRegistered = {"+49 151 1234-5678", "Alice@Example.org"};
+const std::vector<std::string> kTyped = {"0049 (151) 12345678", " alice@EXAMPLE.org"};
+
+/// The body the agent sends: {"random_num": N} rendered by the SDK.
+inline std::string CodeBody(int reference)
+{
+    Json::Value body(Json::objectValue);
+    body["random_num"] = reference;
+    return SDK::JsonUtils::JsonToString(body);
+}
+
+/// The service (with `extraConfig`) and one agent, "web-01", with kRegistered.
+class ServiceTest : public ::testing::Test {
+protected:
+    explicit ServiceTest(const std::string& extraConfig = "") : service(extraConfig) {}
+
+    void SetUp() override
+    {
+        ASSERT_EQ(service.Error(), "");
+        token = service.AddAgent("web-01", kRegistered);
+        ASSERT_FALSE(token.empty());
+    }
+
+    Reply List(const std::string& withToken = "")
+    {
+        return service.Call("GET", "/tfa_phone_num", Agent(),
+                            {{"X-Auth-Token", withToken.empty() ? token : withToken}});
+    }
+    /// The code request exactly as the agent sends it.
+    Reply RequestCode(int reference = 4711)
+    {
+        return service.Call("POST", "/tfa_code", Agent(), CodeHeaders(), CodeBody(reference));
+    }
+    static Params Agent(const std::string& id = "web-01") { return {{"agent_id", id}}; }
+    Params CodeHeaders() const
+    {
+        return {{"X-Auth-Token", token},
+                {"Content-Type", "application/json; charset=utf-8"},
+                {"Accept-Type", "application/json; charset=utf-8"}};
+    }
+
+    VerifydHarness service;
+    std::string token;
+};
 
 } // namespace verifyd_test
