@@ -81,7 +81,7 @@ ListRequest OverKeptConnection(const std::string& agent, const std::string& toke
 /// keeps its session between requests.
 ListRequest WithResumedSession(const std::string& agent, const std::string& token,
                                const std::string& expected, unsigned short port,
-                               const std::string& caFile)
+                               const std::string& caFile, bool resume)
 {
     const Poco::Net::Context::Ptr context = ClientContext(caFile);
     auto last = std::make_shared<Poco::Net::Session::Ptr>();
@@ -90,6 +90,9 @@ ListRequest WithResumedSession(const std::string& agent, const std::string& toke
         Poco::Net::HTTPSClientSession session("localhost", port, context, *last);
         session.setKeepAlive(false);
         const bool ok = ListOn(session, target, token, expected);
+        if (!resume) {
+            return ok;
+        }
         // Taken from the socket after the answer: a TLS 1.3 ticket arrives
         // after the handshake, so HTTPSClientSession::sslSession(), which
         // keeps the session of the moment it connected, cannot resume.
@@ -118,9 +121,10 @@ ClientTotals RunListClients(int clients, long requests, std::chrono::seconds lim
     const auto client = [&] {
         const ListRequest list =
             connection == Connection::PerRequest ? ThroughSdk(agent, token, expectedBody)
-            : connection == Connection::Resumed
-                ? WithResumedSession(agent, token, expectedBody, port, caFile)
-                : OverKeptConnection(agent, token, expectedBody, port, caFile);
+            : connection == Connection::KeepAlive
+                ? OverKeptConnection(agent, token, expectedBody, port, caFile)
+                : WithResumedSession(agent, token, expectedBody, port, caFile,
+                                     connection == Connection::Resumed);
         std::vector<double> latencies;
         long failures = 0;
         while (issued++ < requests && Clock::now() < deadline) {

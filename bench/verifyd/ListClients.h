@@ -16,8 +16,10 @@ struct ClientTotals {
 
 /// How the clients talk to the service.
 enum class Connection {
-    PerRequest, ///< through SDK::HttpUtils: a new TLS connection per request, as the agent does
-    Resumed,    ///< a new TLS connection per request that resumes the client's last session
+    PerRequest,    ///< through SDK::HttpUtils, as the agent does: a new TLS connection per request
+                   ///< that resumes the session of the one before when the server agrees
+    FullHandshake, ///< a new TLS connection per request with a full handshake, no session offered
+    Resumed,       ///< a new TLS connection per request that resumes the client's last session
     KeepAlive,  ///< one persistent TLS connection per client: the server's own cost
 };
 

@@ -1,7 +1,7 @@
 // Load test of brackmoor-verifyd on loopback.
 //
 //   verifyd_load [--requests N] [--seconds S] [--clients C]
-//                [--mode sdk|resumption|keepalive|all]
+//                [--mode sdk|handshake|resumption|keepalive|all]
 //                [--hold H --hold-kind idle|slow] [--postgres]
 //
 // Starts the service in this process (8 request threads, TLS, SQLite in a
@@ -9,8 +9,10 @@
 // clients (8 by default) GET /tfa_phone_num until N requests have been sent
 // (20000 by default) or S seconds have passed (30 by default), once per mode:
 // "sdk" sends through the agent's own HTTP client, one TLS connection per
-// request with a full handshake, as the agent does; "resumption" opens a new
-// connection per request too but resumes the client's previous TLS session;
+// request that resumes the previous TLS session, as the agent does;
+// "handshake" opens a new connection per request with a full handshake (the
+// agent's cost before it resumed sessions); "resumption" does what "sdk" does
+// with a client of its own;
 // "keepalive" keeps one TLS connection per client and so shows what a request
 // costs the server by itself. Meanwhile a second database handle, as the
 // administration command would hold, adds and removes contacts of other
@@ -85,7 +87,7 @@ bool ParseOptions(int argc, char** argv, Options& options)
     }
     return i == argc && options.requests > 0 && options.seconds > 0 && options.clients > 0 &&
            options.hold >= 0 && (options.holdKind == "idle" || options.holdKind == "slow") &&
-           (options.mode == "sdk" || options.mode == "resumption" ||
+           (options.mode == "sdk" || options.mode == "handshake" || options.mode == "resumption" ||
             options.mode == "keepalive" || options.mode == "all");
 }
 
@@ -138,7 +140,7 @@ int main(int argc, char** argv)
     Options options;
     if (!ParseOptions(argc, argv, options)) {
         return Fail("usage: verifyd_load [--postgres] [--requests N] [--seconds S] [--clients C] "
-                    "[--mode sdk|resumption|keepalive|all] [--hold H --hold-kind idle|slow]");
+                    "[--mode sdk|handshake|resumption|keepalive|all] [--hold H --hold-kind idle|slow]");
     }
     TestSupport::TempDir dir;
     TestSupport::TestCertificates certificates(dir.Path());
@@ -199,6 +201,7 @@ int main(int argc, char** argv)
     long failures = 0;
     for (const auto& [name, connection] :
          {std::make_pair("sdk", Connection::PerRequest),
+          std::make_pair("handshake", Connection::FullHandshake),
           std::make_pair("resumption", Connection::Resumed),
           std::make_pair("keepalive", Connection::KeepAlive)}) {
         if (options.mode != "all" && options.mode != name) {
