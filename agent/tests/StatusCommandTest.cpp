@@ -85,12 +85,10 @@ TEST(StatusCommandTest, SwitchedSystemIsInForceWithOrWithoutSshd)
 
 TEST(StatusCommandTest, EveryBreakageIsNotInForceAndSaysWhy)
 {
+    // The file under the root that changes (nullptr: none), its new content (nullptr: the file is removed),
+    // the reason the verdict gives, and what sshd -T prints or fails with.
     const struct {
-        const char* file;     ///< under the root; nullptr: no file changed
-        const char* content;  ///< the file's new content; nullptr: the file is removed
-        const char* reason;   ///< expected in the verdict
-        const char* sshdSettings = kSshdOn;
-        const char* sshdFailure = "";
+        const char *file, *content, *reason, *sshdSettings = kSshdOn, *sshdFailure = "";
     } breakages[] = {
         {"/etc/pam.d/sshd", "account required pam_nologin.so\n", "that could be linked"},
         {"/etc/pam.d/sshd", "@include common-auth\n", "not switched: line 1 still includes the system's auth stack"},
