@@ -1,71 +1,125 @@
 #pragma once
+// Support of the agent's suites: the test modules, files, configurations, and
+// the agent binary run as a child process.
+#include <fcntl.h>
+#include <sys/wait.h>
 
-#include <sys/types.h>
+#include <atomic>
+#include <csignal>
 
-#include <chrono>
-#include <string>
-#include <vector>
+#include <gmock/gmock.h>
 
 #include "TestSupport/TempDir.h"
+#include "TestSupport/WaitFor.h"
 
 namespace AgentTest {
 
+using TestSupport::ReadWholeFile;
+
 /// The library of one test module variant (see TestModule.cpp), as built.
-std::string TestModule(const std::string& variant);
+inline std::string TestModule(const std::string& variant)
+{
+    return BRACKMOOR_TEST_MODULE_DIR "/libagent_test_module_" + variant + ".so";
+}
 
 /// Writes `content` to `path` with `mode`, creating the parent directories.
-void WriteFile(const std::string& path, const std::string& content, unsigned int mode = 0644);
-
-/// Copies `from` to `to` with `mode`, creating the parent directories.
-void CopyFile(const std::string& from, const std::string& to, unsigned int mode = 0755);
-
-/// Whether the content of `path` contains `text`.
-bool FileContains(const std::string& path, const std::string& text);
+inline void WriteFile(const std::string& path, const std::string& content, unsigned int mode = 0644)
+{
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+    ::chmod(path.c_str(), static_cast<mode_t>(mode));
+}
 
 /// Waits until `path` contains `text`: how tests follow a running agent.
-bool Eventually(const std::string& path, const std::string& text,
-                std::chrono::milliseconds timeout = std::chrono::seconds(30));
+inline bool Eventually(const std::string& path, const std::string& text)
+{
+    const auto found = [&] { return ReadWholeFile(path).find(text) != std::string::npos; };
+    return TestSupport::WaitFor(found, std::chrono::seconds(30));
+}
 
 /// A complete agent configuration with its files in `dir` and one feed,
 /// [policy.tfa] from `dir`/tfa.json to `module`; `agentLine` is the third
 /// line of [agent], where the modules are.
-std::string ConfigText(const std::string& dir, const std::string& agentLine, const std::string& module,
-                       const std::string& feature);
+inline std::string ConfigText(const std::string& dir, const std::string& agentLine, const std::string& module,
+                              const std::string& feature)
+{
+    return "[agent]\nid = agent-7\n" + agentLine + "\npid_file = " + dir + "/agent.pid\nstate_dir = " + dir +
+           "/state\n[service]\naddress = 127.0.0.1:9\nca_file = " + dir + "/ca.pem\nauth_token_file = " + dir +
+           "/token\nconnect_timeout = 5\n[log]\ndir = " + dir + "/log\nlevel = information\n[policy.tfa]\nfile = " +
+           dir + "/tfa.json\nmodule = " + module + "\ncallback = 10001\nfeature = " + feature + "\n";
+}
 
-/// A brackmoor-agent process started by a test with the test's environment,
-/// its standard output and error kept in files of `outputDir`; killed and
-/// reaped if still running when destroyed.
+/// brackmoor-agent started with `args` and the test's environment, its
+/// standard output and error kept in files of `dir`; killed and reaped if
+/// still running when destroyed.
 class AgentProcess {
 public:
-    AgentProcess(const std::vector<std::string>& args, const std::string& outputDir);
-    ~AgentProcess();
-    AgentProcess(const AgentProcess&) = delete;
-    AgentProcess& operator=(const AgentProcess&) = delete;
+    AgentProcess(std::vector<std::string> args, const std::string& dir)
+        : out(dir + "/agent.out." + std::to_string(++started)), err(dir + "/agent.err." + std::to_string(started))
+    {
+        args.insert(args.begin(), BRACKMOOR_AGENT_BINARY);
+        std::vector<char*> argv;
+        for (std::string& arg : args) {
+            argv.push_back(arg.data());
+        }
+        argv.push_back(nullptr);
+        if ((pid = fork()) == 0) {
+            // Only async-signal-safe calls here. The agent starts with a clean
+            // signal mask whatever the test runner blocks.
+            sigset_t none;
+            sigemptyset(&none);
+            sigprocmask(SIG_SETMASK, &none, nullptr);
+            const int outFd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            const int errFd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            if (outFd >= 0 && errFd >= 0 && dup2(outFd, STDOUT_FILENO) >= 0 && dup2(errFd, STDERR_FILENO) >= 0) {
+                execv(argv[0], argv.data());
+            }
+            _exit(127);
+        }
+    }
+    ~AgentProcess()
+    {
+        Signal(SIGKILL);
+        Wait(std::chrono::seconds(30));
+    }
 
     pid_t Pid() const { return pid; }
-    void Signal(int number) const;
-    /// Its exit status once it exits within `timeout`; -1 while it runs or
-    /// when a signal ended it.
-    int Wait(std::chrono::milliseconds timeout);
-    std::string Stdout() const { return TestSupport::ReadWholeFile(stdoutPath); }
-    std::string Stderr() const { return TestSupport::ReadWholeFile(stderrPath); }
+    void Signal(int number) const
+    {
+        if (status == kRunning) {
+            kill(pid, number);
+        }
+    }
+    /// Its exit status once it exits within `timeout`; -1 while it runs or when a signal ended it.
+    int Wait(std::chrono::milliseconds timeout)
+    {
+        const auto exited = [this] {
+            int raw = 0;
+            if (status == kRunning && waitpid(pid, &raw, WNOHANG) == pid) {
+                status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+            }
+            return status != kRunning;
+        };
+        return TestSupport::WaitFor(exited, timeout) ? status : -1;
+    }
+    std::string Stdout() const { return ReadWholeFile(out); }
+    std::string Stderr() const { return ReadWholeFile(err); }
 
 private:
+    static constexpr int kRunning = -2;
+    static inline std::atomic<int> started{0};
+    const std::string out, err;
     pid_t pid = -1;
-    bool exited = false;
-    int status = -1;
-    std::string stdoutPath;
-    std::string stderrPath;
+    int status = kRunning;
 };
 
-/// What a finished agent run gave.
-struct AgentRun {
-    int status;  ///< exit status; -1 when it did not end in time
-    std::string out;
-    std::string err;
-};
-
-/// Runs the agent with `args` to its end.
-AgentRun RunAgent(const std::vector<std::string>& args, const std::string& outputDir);
+/// Runs the agent to its end: exit status (-1 when it did not end within 30
+/// seconds), standard output and error.
+inline std::tuple<int, std::string, std::string> RunAgent(const std::vector<std::string>& args, const std::string& dir)
+{
+    AgentProcess process(args, dir);
+    const int status = process.Wait(std::chrono::seconds(30));
+    return {status, process.Stdout(), process.Stderr()};
+}
 
 } // namespace AgentTest

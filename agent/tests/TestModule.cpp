@@ -1,28 +1,21 @@
-// A module for the agent's tests. It records every call it gets as one line
-// ("<name> <event> ...") appended to the file named by the environment
-// variable BRACKMOOR_TEST_MODULE_RECORD, so a test can follow a running agent
-// from outside. Built in several variants (compile definitions):
-//   TEST_MODULE_NAME          the module's name
-//   TEST_MODULE_INIT_THROWS   Init throws
-//   TEST_MODULE_FACTORY_NULL  CreateModule returns null
-//   TEST_MODULE_NO_FACTORY    the library exports no CreateModule at all
-// With BRACKMOOR_TEST_MODULE_HOLD_INIT set, Init waits until that file
-// exists, so a test can signal the agent while it is starting; likewise
-// UnInit with BRACKMOOR_TEST_MODULE_HOLD_UNINIT, while it is shutting down.
-
+// A module for the agent's tests, named TEST_MODULE_NAME. It appends every
+// call it gets as a line "<name> <event> ..." to the file named by
+// BRACKMOOR_TEST_MODULE_RECORD, so a test can follow a running agent from
+// outside. With BRACKMOOR_TEST_MODULE_HOLD_INIT (HOLD_UNINIT) set, Init
+// (UnInit) waits until that file exists, so that a test can signal the agent
+// while it starts (stops). Variants: TEST_MODULE_INIT_THROWS,
+// TEST_MODULE_FACTORY_NULL (CreateModule returns null), TEST_MODULE_NO_FACTORY.
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
-#include <string>
 
 #include "Framework/Module.h"
+#include "Framework/TaskPolicy.h"
 #include "TestSupport/WaitFor.h"
 
 namespace {
-
-const char* const kCallbackId = "10001";
 
 void Record(const std::string& event)
 {
@@ -38,13 +31,6 @@ void WaitForRelease(const char* variable)
     }
 }
 
-class TestPolicy : public Framework::Policy {
-public:
-    using Framework::Policy::Policy;
-    bool Parse(const std::string&) override { return true; }
-    void Dispatch(Framework::Policy*) override {}
-};
-
 class TestModule : public Framework::Module {
 public:
     TestModule() : Framework::Module(TEST_MODULE_NAME) { Record("create"); }
@@ -57,7 +43,7 @@ public:
 #ifdef TEST_MODULE_INIT_THROWS
         throw std::runtime_error("init refused by the test");
 #else
-        RegisterPolicyCallback(kCallbackId, new Framework::PolicyCallback<TestModule>(this, &TestModule::MakePolicy));
+        RegisterPolicyCallback("10001", new Framework::PolicyCallback<TestModule>(this, &TestModule::MakePolicy));
         return Framework::Module::Init();
 #endif
     }
@@ -75,7 +61,7 @@ public:
     {
         const bool rejected = content.find("reject") != std::string::npos;
         Record((rejected ? "reject " : "policy ") + feature + " " + content);
-        return rejected ? nullptr : new TestPolicy(feature);
+        return rejected ? nullptr : new Framework::TaskPolicy(feature);
     }
 };
 

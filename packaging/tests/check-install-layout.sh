@@ -37,6 +37,9 @@ module="$prefix/lib/modules/libtwo_factor_authentication_module.so"
 if [ -e "$module" ]; then
     resolves_in_prefix "$module" libframework.so
     resolves_in_prefix "$module" libsdk.so
+    # The agent finds the plug-in's factory by name; nothing else is meant to be reachable.
+    exported=$(nm -D --defined-only "$module" | awk '{print $NF}' | tr '\n' ' ')
+    [ "$exported" = "CreateModule " ] || fail "$module exports more than CreateModule: $exported"
 fi
 version=$("$prefix/bin/brackmoor-agent" --version) || fail "installed agent does not run"
 case "$version" in

@@ -1,153 +1,118 @@
 #include "TestSupport/HttpsTestServer.h"
 
-#include <condition_variable>
 #include <chrono>
+#include <condition_variable>
 #include <deque>
-#include <thread>
 #include <mutex>
+#include <thread>
 
-#include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPRequestHandler.h>
 #include <Poco/Net/HTTPRequestHandlerFactory.h>
 #include <Poco/Net/HTTPServer.h>
-#include <Poco/Net/HTTPServerParams.h>
-#include <Poco/Net/HTTPServerRequest.h>
 #include <Poco/Net/HTTPServerRequestImpl.h>
 #include <Poco/Net/HTTPServerResponse.h>
 #include <Poco/Net/NetSSL.h>
 #include <Poco/Net/SecureServerSocket.h>
 #include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/StreamCopier.h>
-#include <Poco/ThreadPool.h>
 #include <Poco/URI.h>
 
 namespace TestSupport {
 
-/// Everything the connection threads share with the test.
 struct HttpsTestServer::State {
+    Poco::ThreadPool threads{2, 16};
+    std::unique_ptr<Poco::Net::HTTPServer> server;  ///< present while serving
     mutable std::mutex lock;
     std::condition_variable released;
     std::map<std::string, std::deque<ScriptedAnswer>> queued;
+    std::vector<RecordedRequest> requests;
     bool stall = false;
     bool stopping = false;
-    std::vector<RecordedRequest> requests;
 
-    /// Records `request` and picks its answer; false when the request is to
-    /// stay unanswered (stall mode until the server stops).
-    bool Take(RecordedRequest request, ScriptedAnswer& answer)
+    /// Starts or ends stall mode; `stop` ends every held request unanswered.
+    void Set(bool stallMode, bool stop)
     {
-        std::unique_lock<std::mutex> guard(lock);
-        std::deque<ScriptedAnswer>& forPath = queued[request.path];
-        requests.push_back(std::move(request));
-        released.wait(guard, [this] { return !stall || stopping; });
-        if (!forPath.empty()) {
-            answer = forPath.front();
-            forPath.pop_front();
-        }
-        return !stopping;
+        std::lock_guard<std::mutex> guard(lock);
+        stall = stallMode;
+        stopping = stopping || stop;
+        released.notify_all();
     }
-};
 
-namespace {
-
-class Handler : public Poco::Net::HTTPRequestHandler {
-public:
-    explicit Handler(std::shared_ptr<HttpsTestServer::State> shared) : state(std::move(shared)) {}
-
-    void handleRequest(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response) override
+    /// Records `request` and answers it with the answer queued next for its
+    /// path, or 200 and an empty body; in stall mode only once that ends.
+    void Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response)
     {
-        RecordedRequest recorded;
-        recorded.method = request.getMethod();
         const Poco::URI uri(request.getURI());
-        recorded.path = uri.getPath();
-        for (const auto& param : uri.getQueryParameters()) {
-            recorded.query[param.first] = param.second;
-        }
-        for (const auto& header : request) {
-            recorded.headers[header.first] = header.second;
-        }
+        const Poco::URI::QueryParameters parameters = uri.getQueryParameters();
+        RecordedRequest recorded{request.getMethod(), uri.getPath(), {parameters.begin(), parameters.end()},
+                                 {request.begin(), request.end()}, ""};
         if (auto* impl = dynamic_cast<Poco::Net::HTTPServerRequestImpl*>(&request)) {
             recorded.resumedTls = Poco::Net::SecureStreamSocket(impl->socket()).sessionWasReused();
         }
         Poco::StreamCopier::copyToString(request.stream(), recorded.body);
         ScriptedAnswer answer;
-        if (!state->Take(std::move(recorded), answer)) {
-            return;
-        }
-        response.setStatus(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(answer.status));
-        for (const auto& header : answer.headers) {
-            response.set(header.first, header.second);
-        }
-        if (answer.chunked) {
-            response.setChunkedTransferEncoding(true);
-        } else {
-            response.setContentLength(static_cast<std::streamsize>(answer.body.size()));
-        }
-        // A client that gave up makes this throw, which the server catches;
-        // nobody is left to tell.
-        std::ostream& out = response.send();
-        if (answer.dripMs <= 0) {
-            out << answer.body;
-            return;
-        }
-        for (char c : answer.body) {
-            out << c << std::flush;
-            std::this_thread::sleep_for(std::chrono::milliseconds(answer.dripMs));
-            if (!out) {
+        {
+            std::unique_lock<std::mutex> guard(lock);
+            std::deque<ScriptedAnswer>& forPath = queued[recorded.path];
+            requests.push_back(std::move(recorded));
+            released.wait(guard, [this] { return !stall || stopping; });
+            if (stopping) {
                 return;
             }
+            if (!forPath.empty()) {
+                answer = forPath.front();
+                forPath.pop_front();
+            }
+        }
+        response.setStatus(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(answer.status));
+        for (const auto& [name, value] : answer.headers) {
+            response.set(name, value);
+        }
+        response.setChunkedTransferEncoding(answer.chunked);
+        response.setContentLength(answer.chunked ? Poco::Net::HTTPMessage::UNKNOWN_CONTENT_LENGTH
+                                                 : static_cast<std::streamsize>(answer.body.size()));
+        // A client that gave up makes this throw, which the server catches: nobody is left to tell.
+        std::ostream& out = response.send();
+        const size_t step = answer.dripMs > 0 ? 1 : answer.body.size();
+        for (size_t at = 0; at < answer.body.size() && out; at += step) {
+            out.write(answer.body.data() + at, static_cast<std::streamsize>(step)) << std::flush;
+            std::this_thread::sleep_for(std::chrono::milliseconds(answer.dripMs));
         }
     }
-
-private:
-    std::shared_ptr<HttpsTestServer::State> state;
 };
 
-class Factory : public Poco::Net::HTTPRequestHandlerFactory {
-public:
-    explicit Factory(std::shared_ptr<HttpsTestServer::State> shared) : state(std::move(shared)) {}
+namespace {
 
+// Hands every request to the server's state on the connection's thread; the
+// server joins every such thread before the state goes.
+struct Handler : Poco::Net::HTTPRequestHandler, Poco::Net::HTTPRequestHandlerFactory {
+    explicit Handler(HttpsTestServer::State& shared) : state(shared) {}
+    void handleRequest(Poco::Net::HTTPServerRequest& in, Poco::Net::HTTPServerResponse& out) override
+    {
+        state.Handle(in, out);
+    }
     Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override
     {
         return new Handler(state);
     }
-
-private:
-    std::shared_ptr<HttpsTestServer::State> state;
+    HttpsTestServer::State& state;
 };
 
 } // namespace
 
-/// The serving machinery, present after a successful Start.
-struct HttpsTestServer::Runtime {
-    Poco::ThreadPool threads{2, 16};
-    std::unique_ptr<Poco::Net::HTTPServer> server;
-    unsigned short port = 0;
-};
-
 HttpsTestServer::HttpsTestServer(const std::string& cert, const std::string& key)
-    : certFile(cert), keyFile(key), state(std::make_shared<State>())
-{
-}
+    : certFile(cert), keyFile(key), state(std::make_unique<State>()) {}
 
-HttpsTestServer::~HttpsTestServer()
-{
-    Stop();
-}
+HttpsTestServer::~HttpsTestServer() { Stop(); }
 
 void HttpsTestServer::Stop()
 {
-    if (!runtime) {
-        return;
+    if (state->server) {
+        state->Set(false, true);
+        state->server->stopAll(true);
+        state->threads.joinAll();
+        state->server.reset();
     }
-    {
-        std::lock_guard<std::mutex> guard(state->lock);
-        state->stopping = true;
-    }
-    state->released.notify_all();
-    runtime->server->stopAll(true);
-    runtime->threads.joinAll();
-    runtime.reset();
 }
 
 bool HttpsTestServer::Start(std::string& error, unsigned short port)
@@ -155,20 +120,16 @@ bool HttpsTestServer::Start(std::string& error, unsigned short port)
     try {
         static std::once_flag sslReady;
         std::call_once(sslReady, [] { Poco::Net::initializeSSL(); });
-        Poco::Net::Context::Ptr context(new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, keyFile,
-                                                               certFile, "", Poco::Net::Context::VERIFY_NONE));
+        Poco::Net::Context::Ptr context(new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, keyFile, certFile,
+                                                               "", Poco::Net::Context::VERIFY_NONE));
         context->enableSessionCache(true, "brackmoor-test");
         Poco::Net::SecureServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", port), 64, context);
         Poco::AutoPtr<Poco::Net::HTTPServerParams> params(new Poco::Net::HTTPServerParams);
         params->setKeepAlive(false);
         // Bounds how long the destructor waits for a client that connected and went quiet.
         params->setTimeout(Poco::Timespan(5, 0));
-        auto started = std::make_unique<Runtime>();
-        started->port = socket.address().port();
-        started->server = std::make_unique<Poco::Net::HTTPServer>(new Factory(state), started->threads, socket,
-                                                                 params);
-        started->server->start();
-        runtime = std::move(started);
+        state->server = std::make_unique<Poco::Net::HTTPServer>(new Handler(*state), state->threads, socket, params);
+        state->server->start();
         return true;
     } catch (const Poco::Exception& e) {
         error = "HttpsTestServer: " + e.displayText();
@@ -178,10 +139,7 @@ bool HttpsTestServer::Start(std::string& error, unsigned short port)
     return false;
 }
 
-unsigned short HttpsTestServer::Port() const
-{
-    return runtime ? runtime->port : 0;
-}
+unsigned short HttpsTestServer::Port() const { return state->server ? state->server->port() : 0; }
 
 void HttpsTestServer::Queue(const std::string& path, const ScriptedAnswer& answer)
 {
@@ -189,14 +147,7 @@ void HttpsTestServer::Queue(const std::string& path, const ScriptedAnswer& answe
     state->queued[path].push_back(answer);
 }
 
-void HttpsTestServer::SetStall(bool stall)
-{
-    {
-        std::lock_guard<std::mutex> guard(state->lock);
-        state->stall = stall;
-    }
-    state->released.notify_all();
-}
+void HttpsTestServer::SetStall(bool stall) { state->Set(stall, false); }
 
 std::vector<RecordedRequest> HttpsTestServer::Requests() const
 {

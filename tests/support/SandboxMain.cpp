@@ -1,4 +1,4 @@
-// Entry of the GoogleTest suites registered with brackmoor_gtest(... SANDBOX).
+// main() of the suites registered with brackmoor_gtest(... SANDBOX).
 #include "TestSupport/Sandbox.h"
 
 int main(int argc, char** argv)

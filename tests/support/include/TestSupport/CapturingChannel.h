@@ -1,7 +1,7 @@
 #pragma once
 
+#include <algorithm>
 #include <mutex>
-#include <string>
 #include <vector>
 
 #include <Poco/AutoPtr.h>
@@ -12,20 +12,34 @@ namespace TestSupport {
 
 /// A log channel that keeps every record, so that tests can check what was
 /// logged: text, priority, source file and line.
-///
-///   Poco::AutoPtr<CapturingChannel> capture(new CapturingChannel);
-///   logger->setChannel(capture);
 class CapturingChannel : public Poco::Channel {
 public:
     using Ptr = Poco::AutoPtr<CapturingChannel>;
 
-    void log(const Poco::Message& msg) override;
-
+    void log(const Poco::Message& msg) override
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        messages.push_back(msg);
+    }
     /// Copies of the records received so far, oldest first.
-    std::vector<Poco::Message> Messages() const;
+    std::vector<Poco::Message> Messages() const
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        return messages;
+    }
     /// True when some record's text contains `part`.
-    bool Contains(const std::string& part) const;
-    void Clear();
+    bool Contains(const std::string& part) const
+    {
+        const std::vector<Poco::Message> all = Messages();
+        return std::any_of(all.begin(), all.end(), [&part](const Poco::Message& msg) {
+            return msg.getText().find(part) != std::string::npos;
+        });
+    }
+    void Clear()
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        messages.clear();
+    }
 
 private:
     mutable std::mutex lock;

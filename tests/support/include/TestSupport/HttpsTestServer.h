@@ -9,8 +9,7 @@ namespace TestSupport {
 
 /// One request as the server received it.
 struct RecordedRequest {
-    std::string method;
-    std::string path;                          ///< decoded, without the query
+    std::string method, path;                  ///< the path decoded, without the query
     std::map<std::string, std::string> query;  ///< decoded parameters
     std::map<std::string, std::string> headers;
     std::string body;
@@ -26,23 +25,19 @@ struct ScriptedAnswer {
     int dripMs = 0;        ///< write the body a byte at a time, this far apart
 };
 
-/// An HTTPS server on 127.0.0.1 and an ephemeral port, a real TLS peer for
-/// client tests. It records every request and answers with the answers
-/// queued for the request's path, in order, then with 200 and an empty body.
-/// In stall mode it accepts requests and never answers, until stall mode ends
-/// or the server goes away. It keeps a TLS session cache and issues tickets,
-/// so clients can resume sessions. The destructor waits for every connection
-/// thread, so no thread outlives the object.
+/// An HTTPS server on 127.0.0.1, a real TLS peer for client tests. It records
+/// every request and answers with the answers queued for its path, in order,
+/// then with 200 and an empty body; in stall mode not at all until that ends
+/// or the server stops. Clients can resume TLS sessions. No connection
+/// thread outlives the object.
 class HttpsTestServer {
 public:
     /// A server presenting the PEM certificate and key (see TestCertificates).
     HttpsTestServer(const std::string& certFile, const std::string& keyFile);
     ~HttpsTestServer();
     HttpsTestServer(const HttpsTestServer&) = delete;
-    HttpsTestServer& operator=(const HttpsTestServer&) = delete;
 
-    /// Binds (`port`, or an ephemeral one) and starts serving; false with
-    /// `error` saying why.
+    /// Binds (`port`, or an ephemeral one) and starts serving; false with `error` saying why.
     bool Start(std::string& error, unsigned short port = 0);
     /// Stops serving and closes the port; waits for every connection thread.
     void Stop();
@@ -59,14 +54,11 @@ public:
     std::vector<RecordedRequest> Requests() const;
     size_t RequestCount() const { return Requests().size(); }
 
-    struct State;
+    struct State;  ///< what the connection threads share with the test
 
 private:
-    std::string certFile;
-    std::string keyFile;
-    std::shared_ptr<State> state;
-    struct Runtime;
-    std::unique_ptr<Runtime> runtime;
+    std::string certFile, keyFile;
+    std::unique_ptr<State> state;
 };
 
 } // namespace TestSupport

@@ -12,15 +12,12 @@ bool WaitFor(Predicate predicate, std::chrono::milliseconds timeout,
              std::chrono::milliseconds interval = std::chrono::milliseconds(5))
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        if (predicate()) {
-            return true;
-        }
+    for (; !predicate(); std::this_thread::sleep_for(interval)) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return false;
         }
-        std::this_thread::sleep_for(interval);
     }
+    return true;
 }
 
 } // namespace TestSupport
