@@ -25,6 +25,9 @@ namespace SDK {
 ///   consTail <= consHead <= prodTail <= prodHead <= consTail + capacity
 ///   entries    = prodTail - consHead   (published, not yet reserved by a consumer)
 ///   free space = capacity + consTail - prodHead
+/// An inert queue (no ring) has capacity 0 and counters that never move, so
+/// both are always 0 there and every operation returns 0 without a test of
+/// its own.
 ///
 /// A side whose single flag is set must be used by one thread only; it then
 /// reserves with a plain store and never waits. Otherwise reservation is a
@@ -39,6 +42,12 @@ namespace SDK {
 /// is read with acquire before the other side's tail; that keeps the tail
 /// reading at least as recent as the one behind the head, so the difference
 /// of the two can never wrap into a huge bogus free space or entry count.
+///
+/// Code layout: each bulk operation tests its side's mode once and runs a
+/// copy of the code made for that mode. Its inline part handles the usual
+/// case (no wrap at the ring's end, a short run, no wait, room in the
+/// caller's vector) and hands anything else to an out-of-line continuation
+/// as its last act, so the inline part needs no saved registers.
 ///
 /// Layout: each counter pair, the configuration and the ring start on
 /// 128-byte boundaries, so no two of them share a cache line or the line
@@ -108,19 +117,7 @@ public:
     [[gnu::always_inline]] virtual int EnqueueBulk(const std::vector<T>& elements, int count)
     {
         (void)count;
-        if (ring == nullptr) {
-            return 0;
-        }
-        auto nothingToPrepare = [](uint32_t) { return true; };
-        uint32_t old = 0;
-        const uint32_t n = Reserve(prodHead, consTail, capacity, singleProducer,
-                                   static_cast<uint32_t>(elements.size()), old, nothingToPrepare);
-        if (n == 0) {
-            return 0;
-        }
-        _EnqueueElements(old, elements, n);
-        Publish(prodTail, singleProducer, old, old + n);
-        return static_cast<int>(n);
+        return singleProducer ? Produce<true>(elements) : Produce<false>(elements);
     }
 
     /// Takes one element into `element` and returns 1; returns 0 and leaves
@@ -141,21 +138,8 @@ public:
     /// Returns 0, taking nothing, if `elements` cannot grow enough.
     [[gnu::always_inline]] virtual int DequeueBulk(std::vector<T>& elements, int maxCount)
     {
-        if (ring == nullptr) {
-            return 0;
-        }
-        // The vector grows before slots are claimed: once they are, the copy
-        // must not fail half-way.
-        auto makeRoom = [&elements](uint32_t n) { return MakeRoom(elements, n); };
-        uint32_t old = 0;
-        const uint32_t n = Reserve(consHead, prodTail, 0, singleConsumer,
-                                   static_cast<uint32_t>(maxCount), old, makeRoom);
-        if (n == 0) {
-            return 0;
-        }
-        _DequeueElements(old, elements, n);
-        Publish(consTail, singleConsumer, old, old + n);
-        return static_cast<int>(n);
+        return singleConsumer ? Consume<true>(elements, maxCount)
+                              : Consume<false>(elements, maxCount);
     }
 
     /// Elements published and not yet taken (a snapshot, for monitoring).
@@ -171,27 +155,22 @@ public:
 
 protected:
     /// Copies elements[0, n) into the n slots starting at counter `head`.
-    [[gnu::always_inline]] void _EnqueueElements(unsigned int head, const std::vector<T>& elements,
-                                                 unsigned int n)
+    void _EnqueueElements(unsigned int head, const std::vector<T>& elements, unsigned int n)
     {
         const uint32_t index = head & mask;
-        if (index + n < size) {
-            CopyRun(elements.data(), ring + index, n);
-        } else {
-            CopyWrapped(elements.data(), index, n);
-        }
+        const uint32_t first = n < size - index ? n : size - index;
+        CopyRun(elements.data(), ring + index, first);
+        CopyRun(elements.data() + first, ring, n - first);
     }
 
-    /// Appends the n slots starting at counter `head` to `elements`.
-    [[gnu::always_inline]] void _DequeueElements(unsigned int head, std::vector<T>& elements,
-                                                 unsigned int n)
+    /// Appends the n slots starting at counter `head` to `elements`, which
+    /// has room for them.
+    void _DequeueElements(unsigned int head, std::vector<T>& elements, unsigned int n)
     {
         const uint32_t index = head & mask;
-        if (index + n < size) {
-            TakeRun(ring + index, n, elements);
-        } else {
-            TakeWrapped(index, n, elements);
-        }
+        const uint32_t first = n < size - index ? n : size - index;
+        TakeRun(ring + index, first, elements);
+        TakeRun(ring, n - first, elements);
     }
 
     /// Sets the four counters to `value` on an empty queue, so tests can
@@ -211,6 +190,8 @@ private:
     // A few microseconds of pausing, depending on the processor: far longer
     // than a running publisher needs to copy its bulk.
     static constexpr unsigned int kSpinsBeforeYield = 128;
+    // Runs this long are appended with one insert (out of line), shorter ones
+    // element by element inline.
     static constexpr uint32_t kInsertRunsFrom = 16;
 
     /// Value-initialised slots on a kAlignment boundary; nullptr on failure.
@@ -233,47 +214,143 @@ private:
         return first;
     }
 
-    /// Claims up to `wanted` slots on one side; returns how many (0: none
-    /// available, or `prepare` refused) and the first one's counter in `old`.
-    /// `bound` is what the other side's tail is offset by: `capacity` for
-    /// producers (free space), 0 for consumers (entries). `prepare(n)` runs
-    /// before every attempt to claim n slots.
-    template <typename Prepare>
-    [[gnu::always_inline]] static uint32_t Reserve(std::atomic<uint32_t>& head,
-                                                   const std::atomic<uint32_t>& otherTail,
-                                                   uint32_t bound, bool single, uint32_t wanted,
-                                                   uint32_t& old, Prepare prepare)
+    /// EnqueueBulk for one mode of the producer side: the usual case inline.
+    template <bool Single>
+    [[gnu::always_inline]] int Produce(const std::vector<T>& elements)
     {
-        old = head.load(single ? std::memory_order_relaxed : std::memory_order_acquire);
-        for (;;) {
-            // Acquire: the slots counted here were fully written (entries) or
-            // fully read (free space) by the other side.
-            const uint32_t room = bound + otherTail.load(std::memory_order_acquire) - old;
-            const uint32_t n = wanted < room ? wanted : room;
-            if (n == 0 || !prepare(n)) {
-                return 0;
-            }
-            if (single) {
-                head.store(old + n, std::memory_order_relaxed);
-                return n;
-            }
-            // On failure `old` is reloaded, with acquire as above.
-            if (head.compare_exchange_weak(old, old + n, std::memory_order_seq_cst,
-                                           std::memory_order_acquire)) {
-                return n;
-            }
+        const uint32_t offered = static_cast<uint32_t>(elements.size());
+        uint32_t old = LoadHead<Single>(prodHead);
+        // Acquire pairs with the consumers' release of consTail: the slots
+        // counted free here have been fully read.
+        const uint32_t room = capacity + consTail.load(std::memory_order_acquire) - old;
+        const uint32_t n = offered < room ? offered : room;
+        if (n == 0) {
+            return 0;
         }
+        if (!Claim<Single>(prodHead, old, n)) {
+            return ProduceContended<Single>(elements);
+        }
+        const uint32_t index = old & mask;
+        if (index + n > size) {
+            return ProduceClaimed<Single>(old, elements, n);
+        }
+        CopyRun(elements.data(), ring + index, n);
+        return Publish<Single>(prodTail, old, n);
     }
 
-    /// Moves a side's tail from `old` to `next` once every earlier
-    /// reservation of that side is published.
-    [[gnu::always_inline]] static void Publish(std::atomic<uint32_t>& tail, bool single,
-                                               uint32_t old, uint32_t next)
+    /// Produce after another producer moved the head first: the whole
+    /// reservation again, as often as it takes.
+    template <bool Single>
+    [[gnu::noinline]] int ProduceContended(const std::vector<T>& elements)
     {
-        if (!single && tail.load(std::memory_order_acquire) != old) {
-            WaitForTail(tail, old);
+        const uint32_t offered = static_cast<uint32_t>(elements.size());
+        uint32_t old = LoadHead<Single>(prodHead);
+        uint32_t n = 0;
+        do {
+            const uint32_t room = capacity + consTail.load(std::memory_order_acquire) - old;
+            n = offered < room ? offered : room;
+            if (n == 0) {
+                return 0;
+            }
+        } while (!Claim<Single>(prodHead, old, n));
+        return ProduceClaimed<Single>(old, elements, n);
+    }
+
+    /// Fills and publishes the n slots claimed from `old` on, wherever they are.
+    template <bool Single>
+    [[gnu::noinline]] int ProduceClaimed(uint32_t old, const std::vector<T>& elements, uint32_t n)
+    {
+        _EnqueueElements(old, elements, n);
+        return Publish<Single>(prodTail, old, n);
+    }
+
+    /// DequeueBulk for one mode of the consumer side: the usual case inline.
+    template <bool Single>
+    [[gnu::always_inline]] int Consume(std::vector<T>& out, int maxCount)
+    {
+        const uint32_t wanted = static_cast<uint32_t>(maxCount);
+        uint32_t old = LoadHead<Single>(consHead);
+        // Acquire pairs with the producers' release of prodTail: the slots
+        // counted here have been fully written.
+        const uint32_t entries = prodTail.load(std::memory_order_acquire) - old;
+        const uint32_t n = wanted < entries ? wanted : entries;
+        if (n == 0) {
+            return 0;
         }
-        tail.store(next, std::memory_order_release);
+        // The vector must have room before slots are claimed: once they are,
+        // the copy must not fail half-way.
+        if (Room(out) < n || !Claim<Single>(consHead, old, n)) {
+            return ConsumeContended<Single>(out, wanted);
+        }
+        const uint32_t index = old & mask;
+        if (index + n > size || n >= kInsertRunsFrom || releaseOnDequeue) {
+            return ConsumeClaimed<Single>(old, out, n);
+        }
+        AppendRun(ring + index, n, out);
+        return Publish<Single>(consTail, old, n);
+    }
+
+    /// Consume after another consumer moved the head first, or when `out`
+    /// must grow: the whole reservation again, as often as it takes.
+    template <bool Single>
+    [[gnu::noinline]] int ConsumeContended(std::vector<T>& out, uint32_t wanted)
+    {
+        uint32_t old = LoadHead<Single>(consHead);
+        uint32_t n = 0;
+        do {
+            const uint32_t entries = prodTail.load(std::memory_order_acquire) - old;
+            n = wanted < entries ? wanted : entries;
+            if (n == 0 || (Room(out) < n && !Grow(out, n))) {
+                return 0;
+            }
+        } while (!Claim<Single>(consHead, old, n));
+        return ConsumeClaimed<Single>(old, out, n);
+    }
+
+    /// Empties and releases the n slots claimed from `old` on, wherever they are.
+    template <bool Single>
+    [[gnu::noinline]] int ConsumeClaimed(uint32_t old, std::vector<T>& out, uint32_t n)
+    {
+        _DequeueElements(old, out, n);
+        return Publish<Single>(consTail, old, n);
+    }
+
+    /// A side's head as the start of a reservation. Only its own thread
+    /// writes a single side's head; otherwise the acquire orders the later
+    /// read of the other side's tail after it, so that tail is at least as
+    /// recent as the one behind this head and the difference cannot wrap.
+    template <bool Single>
+    [[gnu::always_inline]] static uint32_t LoadHead(const std::atomic<uint32_t>& head)
+    {
+        return head.load(Single ? std::memory_order_relaxed : std::memory_order_acquire);
+    }
+
+    /// Moves `head` from `old` past n slots. A single side stores plainly;
+    /// otherwise a compare-and-swap, which on failure reloads `old` (acquire,
+    /// as in LoadHead) for the caller to size the reservation again.
+    template <bool Single>
+    [[gnu::always_inline]] static bool Claim(std::atomic<uint32_t>& head, uint32_t& old, uint32_t n)
+    {
+        if (Single) {
+            head.store(old + n, std::memory_order_relaxed);
+            return true;
+        }
+        return head.compare_exchange_weak(old, old + n, std::memory_order_seq_cst,
+                                          std::memory_order_acquire);
+    }
+
+    /// Moves a side's tail from `old` past n slots once every earlier
+    /// reservation of that side is published; returns n. The release pairs
+    /// with the other side's acquire of this tail, and with the acquire in
+    /// WaitThenPublish of a later reservation on this side.
+    template <bool Single>
+    [[gnu::always_inline]] static int Publish(std::atomic<uint32_t>& tail, uint32_t old, uint32_t n)
+    {
+        if (!Single && tail.load(std::memory_order_acquire) != old) {
+            return WaitThenPublish(tail, old, n);
+        }
+        tail.store(old + n, std::memory_order_release);
+        return static_cast<int>(n);
     }
 
     static void Pause()
@@ -285,30 +362,38 @@ private:
 #endif
     }
 
-    /// Waits until `tail` reaches `value`. The usual wait is another thread
-    /// copying a few elements, which a short pause spin covers. A longer one
-    /// means that thread was pre-empted; spinning on would burn whole time
-    /// slices, and with more threads than processors every later reservation
-    /// would queue up behind one scheduler round each. So from then on the
-    /// processor is offered to it.
-    [[gnu::noinline]] static void WaitForTail(const std::atomic<uint32_t>& tail, uint32_t value)
+    /// Publish behind an earlier reservation still being filled or emptied.
+    /// The usual wait is another thread copying a few elements, which a short
+    /// pause spin covers. A longer one means that thread was pre-empted;
+    /// spinning on would burn whole time slices, and with more threads than
+    /// processors every later reservation would queue up behind one scheduler
+    /// round each. So from then on the processor is offered to it.
+    [[gnu::noinline]] static int WaitThenPublish(std::atomic<uint32_t>& tail, uint32_t old,
+                                                 uint32_t n)
     {
-        for (unsigned int spins = 0; tail.load(std::memory_order_acquire) != value; ++spins) {
+        for (unsigned int spins = 0; tail.load(std::memory_order_acquire) != old; ++spins) {
             if (spins < kSpinsBeforeYield) {
                 Pause();
             } else {
                 std::this_thread::yield();
             }
         }
+        tail.store(old + n, std::memory_order_release);
+        return static_cast<int>(n);
     }
 
-    /// Ensures `out` can take n more elements without reallocating.
-    static bool MakeRoom(std::vector<T>& out, uint32_t n) noexcept
+    /// How many more elements `out` takes without reallocating. (Counted
+    /// between the end and the end of the storage: capacity() - size() makes
+    /// the compiler load the start as well and divide twice.)
+    [[gnu::always_inline]] static size_t Room(const std::vector<T>& out)
     {
-        return out.capacity() - out.size() >= n || Grow(out, n);
+        const T* end = out.data() + out.size();
+        return static_cast<size_t>(out.data() + out.capacity() - end);
     }
 
-    [[gnu::noinline]] static bool Grow(std::vector<T>& out, uint32_t n) noexcept
+    /// Makes room for n more elements in `out`, at least doubling it so a
+    /// reused vector stops growing soon; false if it cannot.
+    [[gnu::noinline, gnu::cold]] static bool Grow(std::vector<T>& out, uint32_t n) noexcept
     {
         try {
             const size_t needed = out.size() + n;
@@ -319,37 +404,17 @@ private:
         }
     }
 
-    /// The reservation wraps: copies up to the end of the ring, then on from
-    /// slot 0 (once per trip round the ring, so kept out of line).
-    [[gnu::noinline]] void CopyWrapped(const T* src, uint32_t index, uint32_t n)
-    {
-        const uint32_t first = size - index;
-        CopyRun(src, ring + index, first);
-        CopyRun(src + first, ring, n - first);
-    }
-
-    [[gnu::noinline]] void TakeWrapped(uint32_t index, uint32_t n, std::vector<T>& out)
-    {
-        const uint32_t first = size - index;
-        TakeRun(ring + index, first, out);
-        TakeRun(ring, n - first, out);
-    }
-
+    /// Copies n elements. A plain loop: unrolled by four it measured slower
+    /// for the short runs a bulk usually is (more code, a remainder step).
     [[gnu::always_inline]] static void CopyRun(const T* src, T* dst, uint32_t n)
     {
-        uint32_t i = 0;
-        for (; i + 4 <= n; i += 4) {
-            dst[i] = src[i];
-            dst[i + 1] = src[i + 1];
-            dst[i + 2] = src[i + 2];
-            dst[i + 3] = src[i + 3];
-        }
-        for (; i < n; ++i) {
+        for (uint32_t i = 0; i < n; ++i) {
             dst[i] = src[i];
         }
     }
 
-    [[gnu::always_inline]] void TakeRun(T* slots, uint32_t n, std::vector<T>& out)
+    /// Appends n slots to `out`, which has room for them.
+    void TakeRun(T* slots, uint32_t n, std::vector<T>& out)
     {
         if (releaseOnDequeue) {
             // Moving hands the elements over without copying them (for a
@@ -365,9 +430,10 @@ private:
     }
 
     /// Appends n elements from `first` to `out`, which has room for them.
-    /// One insert per run: push_back updates the vector's end once per
-    /// element, a chain of dependent stores and loads that costs more than
-    /// the copy itself. Runs too short to repay the call are pushed one by one.
+    /// Long runs go in with one insert, which sets the vector's end once;
+    /// short ones are pushed one by one, cheaper than that call. Telling the
+    /// compiler that every push fits drops push_back's reallocation call, so
+    /// it can keep the vector's end in a register for the whole run.
     template <typename Iterator>
     [[gnu::always_inline]] static void AppendRun(Iterator first, uint32_t n, std::vector<T>& out)
     {
@@ -376,6 +442,9 @@ private:
             return;
         }
         for (uint32_t i = 0; i < n; ++i) {
+            if (out.size() == out.capacity()) {
+                __builtin_unreachable();
+            }
             out.push_back(first[i]);
         }
     }
