@@ -43,11 +43,15 @@ namespace SDK {
 /// reading at least as recent as the one behind the head, so the difference
 /// of the two can never wrap into a huge bogus free space or entry count.
 ///
-/// Code layout: each bulk operation tests its side's mode once and runs a
-/// copy of the code made for that mode. Its inline part handles the usual
-/// case (no wrap at the ring's end, a short run, no wait, room in the
-/// caller's vector) and hands anything else to an out-of-line continuation
-/// as its last act, so the inline part needs no saved registers.
+/// Code layout: each bulk operation tests its side's mode once and runs code
+/// made for that mode. A single side's usual case (no wrap at the ring's end,
+/// a short run, room in the caller's vector) is a few dozen instructions,
+/// inline and small enough for the compiler to inline at the call site too;
+/// anything else goes to the general code out of line. A multi side's cost
+/// is its compare-and-swap and the lines it shares, so it runs out of line
+/// as a whole: a call costs little there, and kept out it leaves the single
+/// side's code small. Out-of-line code hands unusual cases on to further
+/// functions as its last act, so its usual path needs no saved registers.
 ///
 /// Layout: each counter pair, the configuration and the ring start on
 /// 128-byte boundaries, so no two of them share a cache line or the line
@@ -117,7 +121,7 @@ public:
     [[gnu::always_inline]] virtual int EnqueueBulk(const std::vector<T>& elements, int count)
     {
         (void)count;
-        return singleProducer ? Produce<true>(elements) : Produce<false>(elements);
+        return singleProducer ? ProduceSingle(elements) : ProduceMulti(elements);
     }
 
     /// Takes one element into `element` and returns 1; returns 0 and leaves
@@ -138,8 +142,7 @@ public:
     /// Returns 0, taking nothing, if `elements` cannot grow enough.
     [[gnu::always_inline]] virtual int DequeueBulk(std::vector<T>& elements, int maxCount)
     {
-        return singleConsumer ? Consume<true>(elements, maxCount)
-                              : Consume<false>(elements, maxCount);
+        return singleConsumer ? ConsumeSingle(elements, maxCount) : ConsumeMulti(elements, maxCount);
     }
 
     /// Elements published and not yet taken (a snapshot, for monitoring).
@@ -158,9 +161,11 @@ protected:
     void _EnqueueElements(unsigned int head, const std::vector<T>& elements, unsigned int n)
     {
         const uint32_t index = head & mask;
-        const uint32_t first = n < size - index ? n : size - index;
-        CopyRun(elements.data(), ring + index, first);
-        CopyRun(elements.data() + first, ring, n - first);
+        if (index + n <= size) {
+            CopyRun(elements.data(), ring + index, n);
+        } else {
+            CopyWrapped(elements.data(), index, n);
+        }
     }
 
     /// Appends the n slots starting at counter `head` to `elements`, which
@@ -168,9 +173,11 @@ protected:
     void _DequeueElements(unsigned int head, std::vector<T>& elements, unsigned int n)
     {
         const uint32_t index = head & mask;
-        const uint32_t first = n < size - index ? n : size - index;
-        TakeRun(ring + index, first, elements);
-        TakeRun(ring, n - first, elements);
+        if (index + n <= size) {
+            TakeRun(ring + index, n, elements);
+        } else {
+            TakeWrapped(index, n, elements);
+        }
     }
 
     /// Sets the four counters to `value` on an empty queue, so tests can
@@ -214,34 +221,50 @@ private:
         return first;
     }
 
-    /// EnqueueBulk for one mode of the producer side: the usual case inline.
-    template <bool Single>
-    [[gnu::always_inline]] int Produce(const std::vector<T>& elements)
+    /// EnqueueBulk of a single producer: the usual case inline.
+    [[gnu::always_inline]] int ProduceSingle(const std::vector<T>& elements)
     {
         const uint32_t offered = static_cast<uint32_t>(elements.size());
-        uint32_t old = LoadHead<Single>(prodHead);
+        const uint32_t old = prodHead.load(std::memory_order_relaxed);
         // Acquire pairs with the consumers' release of consTail: the slots
         // counted free here have been fully read.
+        const uint32_t room = capacity + consTail.load(std::memory_order_acquire) - old;
+        const uint32_t n = offered < room ? offered : room;
+        const uint32_t index = old & mask;
+        if (n == 0 || index + n > size) {
+            return n == 0 ? 0 : ProduceGeneral<true>(elements);
+        }
+        prodHead.store(old + n, std::memory_order_relaxed);
+        CopyRun(elements.data(), ring + index, n);
+        prodTail.store(old + n, std::memory_order_release);  // pairs with the consumers' acquire
+        return static_cast<int>(n);
+    }
+
+    /// EnqueueBulk of any number of producers.
+    [[gnu::noinline]] int ProduceMulti(const std::vector<T>& elements)
+    {
+        const uint32_t offered = static_cast<uint32_t>(elements.size());
+        uint32_t old = LoadHead<false>(prodHead);
         const uint32_t room = capacity + consTail.load(std::memory_order_acquire) - old;
         const uint32_t n = offered < room ? offered : room;
         if (n == 0) {
             return 0;
         }
-        if (!Claim<Single>(prodHead, old, n)) {
-            return ProduceContended<Single>(elements);
+        if (!Claim<false>(prodHead, old, n)) {
+            return ProduceGeneral<false>(elements);
         }
         const uint32_t index = old & mask;
         if (index + n > size) {
-            return ProduceClaimed<Single>(old, elements, n);
+            return ProduceClaimed<false>(old, elements, n);
         }
         CopyRun(elements.data(), ring + index, n);
-        return Publish<Single>(prodTail, old, n);
+        return Publish<false>(prodTail, old, n);
     }
 
-    /// Produce after another producer moved the head first: the whole
-    /// reservation again, as often as it takes.
+    /// The whole of EnqueueBulk for one mode, retrying the reservation when
+    /// another producer moved the head first.
     template <bool Single>
-    [[gnu::noinline]] int ProduceContended(const std::vector<T>& elements)
+    [[gnu::noinline]] int ProduceGeneral(const std::vector<T>& elements)
     {
         const uint32_t offered = static_cast<uint32_t>(elements.size());
         uint32_t old = LoadHead<Single>(prodHead);
@@ -264,12 +287,11 @@ private:
         return Publish<Single>(prodTail, old, n);
     }
 
-    /// DequeueBulk for one mode of the consumer side: the usual case inline.
-    template <bool Single>
-    [[gnu::always_inline]] int Consume(std::vector<T>& out, int maxCount)
+    /// DequeueBulk of a single consumer: the usual case inline.
+    [[gnu::always_inline]] int ConsumeSingle(std::vector<T>& out, int maxCount)
     {
         const uint32_t wanted = static_cast<uint32_t>(maxCount);
-        uint32_t old = LoadHead<Single>(consHead);
+        const uint32_t old = consHead.load(std::memory_order_relaxed);
         // Acquire pairs with the producers' release of prodTail: the slots
         // counted here have been fully written.
         const uint32_t entries = prodTail.load(std::memory_order_acquire) - old;
@@ -277,23 +299,44 @@ private:
         if (n == 0) {
             return 0;
         }
+        const uint32_t index = old & mask;
+        if (index + n > size || n >= kInsertRunsFrom || releaseOnDequeue || Room(out) < n) {
+            return ConsumeGeneral<true>(out, wanted);
+        }
+        consHead.store(old + n, std::memory_order_relaxed);
+        AppendRun(ring + index, n, out);
+        consTail.store(old + n, std::memory_order_release);  // pairs with the producers' acquire
+        return static_cast<int>(n);
+    }
+
+    /// DequeueBulk of any number of consumers.
+    [[gnu::noinline]] int ConsumeMulti(std::vector<T>& out, int maxCount)
+    {
+        const uint32_t wanted = static_cast<uint32_t>(maxCount);
+        uint32_t old = LoadHead<false>(consHead);
+        const uint32_t entries = prodTail.load(std::memory_order_acquire) - old;
+        const uint32_t n = wanted < entries ? wanted : entries;
+        if (n == 0) {
+            return 0;
+        }
         // The vector must have room before slots are claimed: once they are,
         // the copy must not fail half-way.
-        if (Room(out) < n || !Claim<Single>(consHead, old, n)) {
-            return ConsumeContended<Single>(out, wanted);
+        if (Room(out) < n || !Claim<false>(consHead, old, n)) {
+            return ConsumeGeneral<false>(out, wanted);
         }
         const uint32_t index = old & mask;
         if (index + n > size || n >= kInsertRunsFrom || releaseOnDequeue) {
-            return ConsumeClaimed<Single>(old, out, n);
+            return ConsumeClaimed<false>(old, out, n);
         }
         AppendRun(ring + index, n, out);
-        return Publish<Single>(consTail, old, n);
+        return Publish<false>(consTail, old, n);
     }
 
-    /// Consume after another consumer moved the head first, or when `out`
-    /// must grow: the whole reservation again, as often as it takes.
+    /// The whole of DequeueBulk for one mode, growing `out` first where it
+    /// must and retrying the reservation when another consumer moved the
+    /// head first.
     template <bool Single>
-    [[gnu::noinline]] int ConsumeContended(std::vector<T>& out, uint32_t wanted)
+    [[gnu::noinline]] int ConsumeGeneral(std::vector<T>& out, uint32_t wanted)
     {
         uint32_t old = LoadHead<Single>(consHead);
         uint32_t n = 0;
@@ -402,6 +445,22 @@ private:
         } catch (...) {
             return false;
         }
+    }
+
+    /// The run wraps: copies up to the end of the ring, then on from slot 0
+    /// (once per trip round the ring, so kept out of line).
+    [[gnu::noinline]] void CopyWrapped(const T* src, uint32_t index, uint32_t n)
+    {
+        const uint32_t first = size - index;
+        CopyRun(src, ring + index, first);
+        CopyRun(src + first, ring, n - first);
+    }
+
+    [[gnu::noinline]] void TakeWrapped(uint32_t index, uint32_t n, std::vector<T>& out)
+    {
+        const uint32_t first = size - index;
+        TakeRun(ring + index, first, out);
+        TakeRun(ring, n - first, out);
     }
 
     /// Copies n elements. A plain loop: unrolled by four it measured slower
