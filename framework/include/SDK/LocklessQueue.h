@@ -465,8 +465,13 @@ private:
 
     /// Copies n elements. A plain loop: unrolled by four it measured slower
     /// for the short runs a bulk usually is (more code, a remainder step).
+    /// One element, as Enqueue offers, is copied without setting up a loop.
     [[gnu::always_inline]] static void CopyRun(const T* src, T* dst, uint32_t n)
     {
+        if (n == 1) {
+            dst[0] = src[0];
+            return;
+        }
         for (uint32_t i = 0; i < n; ++i) {
             dst[i] = src[i];
         }
