@@ -2,14 +2,16 @@
 // the same run the way DPDK's ring_perf_autotest measures rte_ring. Results
 // and the exact command are in docs/benchmarks.md.
 //
-//   queue_bench [--smoke] [Google Benchmark flags]
+//   queue_bench [--smoke] [--repetitions=N] [Google Benchmark flags]
 //
 // --smoke runs every measurement once on a few thousand elements: a check
-// that each queue builds and runs, not a measurement.
+// that each queue builds and runs, not a measurement. --repetitions sets how
+// many repetitions each figure is the minimum (or median) of; 9 by default.
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -69,19 +71,22 @@ const Configuration kConfigurations[] = {
     {"oversubscribed_2p2c/mpmc", Scenario::Oversubscribed, Mode::Multi, kElements},
 };
 
+// A repetition runs the measurement as often as its minimum time asks and
+// keeps the least disturbed run: on a shared machine a run that another
+// process interrupted shows that process, not the queue.
 void Measure(benchmark::State& state, Peer peer, Shape shape, Mode mode)
 {
     double cycles = 0;
     for (auto _ : state) {
         const Result result = peer.run(shape, mode);
         state.SetIterationTime(result.seconds);
-        cycles += result.cyclesPerElement;
+        cycles = cycles == 0 || result.cyclesPerElement < cycles ? result.cyclesPerElement : cycles;
     }
-    state.counters["cycles_per_elem"] = cycles / static_cast<double>(state.iterations());
+    state.counters["cycles_per_elem"] = cycles;
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(shape.elements));
 }
 
-void RegisterAll(bool smoke)
+void RegisterAll(bool smoke, int repetitions)
 {
     const std::vector<Peer> peers = Peers();
     for (const Configuration& config : kConfigurations) {
@@ -98,7 +103,7 @@ void RegisterAll(bool smoke)
                 } else {
                     // The machine is shared: the least disturbed of several
                     // interleaved repetitions shows the queue's own cost best.
-                    bench->MinTime(0.05)->Repetitions(9)->ReportAggregatesOnly(true);
+                    bench->MinTime(0.05)->Repetitions(repetitions)->ReportAggregatesOnly(true);
                     bench->ComputeStatistics("min", [](const std::vector<double>& v) {
                         return *std::min_element(v.begin(), v.end());
                     });
@@ -108,32 +113,36 @@ void RegisterAll(bool smoke)
     }
 }
 
-// Removes --smoke from the arguments; true if it was there.
-bool TakeSmokeFlag(int& argc, char** argv)
+// Removes --smoke and --repetitions=N from the arguments; true if --smoke
+// was there. N replaces the default of 9 repetitions.
+bool TakeOwnFlags(int& argc, char** argv, int& repetitions)
 {
-    bool found = false;
+    bool smoke = false;
     int kept = 0;
     for (int i = 0; i < argc; ++i) {
         if (i > 0 && std::strcmp(argv[i], "--smoke") == 0) {
-            found = true;
+            smoke = true;
+        } else if (i > 0 && std::strncmp(argv[i], "--repetitions=", 14) == 0 && std::atoi(argv[i] + 14) > 0) {
+            repetitions = std::atoi(argv[i] + 14);
         } else {
             argv[kept++] = argv[i];
         }
     }
     argc = kept;
-    return found;
+    return smoke;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    const bool smoke = TakeSmokeFlag(argc, argv);
+    int repetitions = 9;
+    const bool smoke = TakeOwnFlags(argc, argv, repetitions);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
     }
-    RegisterAll(smoke);
+    RegisterAll(smoke, repetitions);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;
