@@ -2,11 +2,13 @@
 // the same run the way DPDK's ring_perf_autotest measures rte_ring. Results
 // and the exact command are in docs/benchmarks.md.
 //
-//   queue_bench [--smoke] [--repetitions=N] [Google Benchmark flags]
+//   queue_bench [--smoke | --once=N] [--repetitions=N] [Google Benchmark flags]
 //
 // --smoke runs every measurement once on a few thousand elements: a check
-// that each queue builds and runs, not a measurement. --repetitions sets how
-// many repetitions each figure is the minimum (or median) of; 9 by default.
+// that each queue builds and runs, not a measurement. --once=N runs each
+// once on N elements, for counting instructions (bench/queue/count-instructions).
+// --repetitions sets how many repetitions each figure is the minimum (or
+// median) of; 9 by default.
 
 #include <benchmark/benchmark.h>
 
@@ -86,7 +88,12 @@ void Measure(benchmark::State& state, Peer peer, Shape shape, Mode mode)
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(shape.elements));
 }
 
-void RegisterAll(bool smoke, int repetitions)
+struct Options {
+    uint64_t once = 0;     // elements of a single run per measurement; 0: measure
+    int repetitions = 9;
+};
+
+void RegisterAll(const Options& options)
 {
     const std::vector<Peer> peers = Peers();
     for (const Configuration& config : kConfigurations) {
@@ -94,16 +101,16 @@ void RegisterAll(bool smoke, int repetitions)
             for (const Peer& peer : peers) {
                 const std::string name = std::string(config.name) + "/bulk:" +
                                          std::to_string(bulk) + "/" + peer.name;
-                const Shape shape{config.scenario, bulk, smoke ? kSmokeElements : config.elements};
+                const Shape shape{config.scenario, bulk, options.once != 0 ? options.once : config.elements};
                 auto* bench = benchmark::RegisterBenchmark(name.c_str(), Measure, peer, shape,
                                                            config.mode);
                 bench->UseManualTime()->Unit(benchmark::kMillisecond);
-                if (smoke) {
+                if (options.once != 0) {
                     bench->Iterations(1);
                 } else {
                     // The machine is shared: the least disturbed of several
                     // interleaved repetitions shows the queue's own cost best.
-                    bench->MinTime(0.05)->Repetitions(repetitions)->ReportAggregatesOnly(true);
+                    bench->MinTime(0.05)->Repetitions(options.repetitions)->ReportAggregatesOnly(true);
                     bench->ComputeStatistics("min", [](const std::vector<double>& v) {
                         return *std::min_element(v.begin(), v.end());
                     });
@@ -113,36 +120,38 @@ void RegisterAll(bool smoke, int repetitions)
     }
 }
 
-// Removes --smoke and --repetitions=N from the arguments; true if --smoke
-// was there. N replaces the default of 9 repetitions.
-bool TakeOwnFlags(int& argc, char** argv, int& repetitions)
+// Takes this program's own flags out of the arguments.
+Options TakeOwnFlags(int& argc, char** argv)
 {
-    bool smoke = false;
+    Options options;
     int kept = 0;
     for (int i = 0; i < argc; ++i) {
-        if (i > 0 && std::strcmp(argv[i], "--smoke") == 0) {
-            smoke = true;
-        } else if (i > 0 && std::strncmp(argv[i], "--repetitions=", 14) == 0 && std::atoi(argv[i] + 14) > 0) {
-            repetitions = std::atoi(argv[i] + 14);
+        const char* arg = argv[i];
+        if (i > 0 && std::strcmp(arg, "--smoke") == 0) {
+            options.once = kSmokeElements;
+        } else if (i > 0 && std::strncmp(arg, "--once=", 7) == 0 && std::atoll(arg + 7) > 0) {
+            // Whole round trips of every bulk size in every scenario.
+            options.once = static_cast<uint64_t>(std::atoll(arg + 7)) / 64 * 64;
+        } else if (i > 0 && std::strncmp(arg, "--repetitions=", 14) == 0 && std::atoi(arg + 14) > 0) {
+            options.repetitions = std::atoi(arg + 14);
         } else {
             argv[kept++] = argv[i];
         }
     }
     argc = kept;
-    return smoke;
+    return options;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    int repetitions = 9;
-    const bool smoke = TakeOwnFlags(argc, argv, repetitions);
+    const Options options = TakeOwnFlags(argc, argv);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
     }
-    RegisterAll(smoke, repetitions);
+    RegisterAll(options);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;
