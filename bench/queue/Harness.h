@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -23,6 +24,10 @@
 //
 // Oversubscribed runs (more threads than processors) instead run for a fixed
 // time and divide by what the consumers got.
+//
+// Two threads that spent most of a run apart (one held up by another process
+// before it even started) did not measure two threads on one queue: the
+// result says so, and Measure passes over such runs.
 //
 // An adapter `Q` is default-constructible with room for kCapacity elements,
 // and has a nested `Q::Worker`, built from `Q&` by each thread, with
@@ -86,7 +91,8 @@ Result RunThreads(unsigned int threads, std::chrono::milliseconds window, Work w
     std::atomic<unsigned int> ready{0};
     std::atomic<bool> go{false};
     std::atomic<bool> stop{false};
-    std::vector<uint64_t> cycles(threads, 0);
+    std::vector<uint64_t> begins(threads, 0);
+    std::vector<uint64_t> ends(threads, 0);
     std::vector<uint64_t> dequeued(threads, 0);
     std::vector<std::thread> pool;
     for (unsigned int i = 0; i < threads; ++i) {
@@ -99,9 +105,9 @@ Result RunThreads(unsigned int threads, std::chrono::milliseconds window, Work w
             while (!go.load(std::memory_order_acquire)) {
                 std::this_thread::yield();
             }
-            const uint64_t start = Cycles();
+            begins[i] = Cycles();
             dequeued[i] = work(i, worker, backoff, stop);
-            cycles[i] = Cycles() - start;
+            ends[i] = Cycles();
         });
     }
     while (ready.load() < threads) {
@@ -121,11 +127,20 @@ Result RunThreads(unsigned int threads, std::chrono::milliseconds window, Work w
     double total = 0;
     uint64_t elements = 0;
     for (unsigned int i = 0; i < threads; ++i) {
-        total += static_cast<double>(cycles[i]);
+        total += static_cast<double>(ends[i] - begins[i]);
         elements += dequeued[i];
     }
     const double share = oversubscribed ? static_cast<double>(cpus.size()) / threads : 1.0;
-    return Result{elements > 0 ? total * share / static_cast<double>(elements) : 0, wall.count()};
+    Result result{elements > 0 ? total * share / static_cast<double>(elements) : 0, wall.count()};
+    if (threads == 2 && !oversubscribed) {
+        const uint64_t first = std::min(begins[0], begins[1]);
+        const uint64_t last = std::max(ends[0], ends[1]);
+        const uint64_t lateStart = std::max(begins[0], begins[1]);
+        const uint64_t earlyEnd = std::min(ends[0], ends[1]);
+        // Side by side: together for at least 90% of the run.
+        result.sideBySide = earlyEnd > lateStart && (earlyEnd - lateStart) * 10 >= (last - first) * 9;
+    }
+    return result;
 }
 
 /// How long an oversubscribed measurement runs, as ring_perf's test on all

@@ -2,14 +2,18 @@
 // the same run the way DPDK's ring_perf_autotest measures rte_ring. Results
 // and the exact command are in docs/benchmarks.md.
 //
-//   queue_bench [--smoke] [Google Benchmark flags]
+//   queue_bench [--smoke | --once=N] [--repetitions=N] [Google Benchmark flags]
 //
 // --smoke runs every measurement once on a few thousand elements: a check
-// that each queue builds and runs, not a measurement.
+// that each queue builds and runs, not a measurement. --once=N runs each
+// once on N elements, for counting instructions (bench/queue/count-instructions).
+// --repetitions sets how many repetitions each figure is the minimum (or
+// median) of; 9 by default.
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -69,19 +73,34 @@ const Configuration kConfigurations[] = {
     {"oversubscribed_2p2c/mpmc", Scenario::Oversubscribed, Mode::Multi, kElements},
 };
 
+// A repetition runs the measurement as often as its minimum time asks and
+// keeps the least disturbed run: on a shared machine a run that another
+// process interrupted shows that process, not the queue. Runs whose two
+// threads spent most of the time apart count only when no run had them side
+// by side (counter "apart": how many there were).
 void Measure(benchmark::State& state, Peer peer, Shape shape, Mode mode)
 {
-    double cycles = 0;
+    double best = 0;
+    double bestApart = 0;
+    int apart = 0;
     for (auto _ : state) {
         const Result result = peer.run(shape, mode);
         state.SetIterationTime(result.seconds);
-        cycles += result.cyclesPerElement;
+        double& keep = result.sideBySide ? best : bestApart;
+        keep = keep == 0 || result.cyclesPerElement < keep ? result.cyclesPerElement : keep;
+        apart += result.sideBySide ? 0 : 1;
     }
-    state.counters["cycles_per_elem"] = cycles / static_cast<double>(state.iterations());
+    state.counters["cycles_per_elem"] = best != 0 ? best : bestApart;
+    state.counters["apart"] = apart;
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(shape.elements));
 }
 
-void RegisterAll(bool smoke)
+struct Options {
+    uint64_t once = 0;     // elements of a single run per measurement; 0: measure
+    int repetitions = 9;
+};
+
+void RegisterAll(const Options& options)
 {
     const std::vector<Peer> peers = Peers();
     for (const Configuration& config : kConfigurations) {
@@ -89,16 +108,16 @@ void RegisterAll(bool smoke)
             for (const Peer& peer : peers) {
                 const std::string name = std::string(config.name) + "/bulk:" +
                                          std::to_string(bulk) + "/" + peer.name;
-                const Shape shape{config.scenario, bulk, smoke ? kSmokeElements : config.elements};
+                const Shape shape{config.scenario, bulk, options.once != 0 ? options.once : config.elements};
                 auto* bench = benchmark::RegisterBenchmark(name.c_str(), Measure, peer, shape,
                                                            config.mode);
                 bench->UseManualTime()->Unit(benchmark::kMillisecond);
-                if (smoke) {
+                if (options.once != 0) {
                     bench->Iterations(1);
                 } else {
                     // The machine is shared: the least disturbed of several
                     // interleaved repetitions shows the queue's own cost best.
-                    bench->MinTime(0.05)->Repetitions(9)->ReportAggregatesOnly(true);
+                    bench->MinTime(0.05)->Repetitions(options.repetitions)->ReportAggregatesOnly(true);
                     bench->ComputeStatistics("min", [](const std::vector<double>& v) {
                         return *std::min_element(v.begin(), v.end());
                     });
@@ -108,32 +127,38 @@ void RegisterAll(bool smoke)
     }
 }
 
-// Removes --smoke from the arguments; true if it was there.
-bool TakeSmokeFlag(int& argc, char** argv)
+// Takes this program's own flags out of the arguments.
+Options TakeOwnFlags(int& argc, char** argv)
 {
-    bool found = false;
+    Options options;
     int kept = 0;
     for (int i = 0; i < argc; ++i) {
-        if (i > 0 && std::strcmp(argv[i], "--smoke") == 0) {
-            found = true;
+        const char* arg = argv[i];
+        if (i > 0 && std::strcmp(arg, "--smoke") == 0) {
+            options.once = kSmokeElements;
+        } else if (i > 0 && std::strncmp(arg, "--once=", 7) == 0 && std::atoll(arg + 7) > 0) {
+            // Whole round trips of every bulk size in every scenario.
+            options.once = static_cast<uint64_t>(std::atoll(arg + 7)) / 64 * 64;
+        } else if (i > 0 && std::strncmp(arg, "--repetitions=", 14) == 0 && std::atoi(arg + 14) > 0) {
+            options.repetitions = std::atoi(arg + 14);
         } else {
             argv[kept++] = argv[i];
         }
     }
     argc = kept;
-    return found;
+    return options;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    const bool smoke = TakeSmokeFlag(argc, argv);
+    const Options options = TakeOwnFlags(argc, argv);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
     }
-    RegisterAll(smoke);
+    RegisterAll(options);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

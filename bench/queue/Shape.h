@@ -29,6 +29,7 @@ struct Shape {
 struct Result {
     double cyclesPerElement; // summed over threads, see Harness.h
     double seconds;          // wall time from the common start to the last thread's end
+    bool sideBySide = true;  // false: two threads that spent most of the run apart, see Harness.h
 };
 
 /// Slots of every queue in the comparison: a ring of 4096, as DPDK's own

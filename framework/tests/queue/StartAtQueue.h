@@ -6,15 +6,11 @@
 
 namespace queue_test {
 
-/// A LocklessQueue whose counters can be moved before first use, so a test
-/// can run the ring across the 2^32 wrap of its counters without pushing four
-/// billion elements first.
+/// A LocklessQueue whose counters a test may move while it is empty and
+/// unshared, to reach the 2^32 wrap without pushing four billion elements.
 template <typename T>
-class StartAtQueue : public SDK::LocklessQueue<T> {
-public:
+struct StartAtQueue : SDK::LocklessQueue<T> {
     using SDK::LocklessQueue<T>::LocklessQueue;
-
-    /// Only valid while the queue is empty and no other thread uses it.
     void StartAt(uint32_t counter) { this->ResetCounters(counter); }
 };
 
