@@ -1,10 +1,9 @@
 // libFuzzer target: switching sshd's PAM service file and generating the
-// include file. The input is the service file, a NUL, then the system auth
-// stack (used as both common-auth and password-auth). Switching on must be
-// deterministic and idempotent, a generated include file must carry the
-// module line, no longer than Linux-PAM reads, for the longest exclude list a
-// policy may give, and a switch-off that restored the service file must lead
-// to the same switch-on again.
+// include file. Input: the service file, a NUL, the system auth stack (as
+// common-auth and password-auth). Switching on must be deterministic and
+// idempotent, the include file must carry the module line within what
+// Linux-PAM reads for the longest exclude list a policy may give, and a
+// switch-off that restored the service file must lead to the same switch-on.
 
 #include <cstddef>
 #include <cstdint>
@@ -14,9 +13,11 @@
 #include "FuzzTask.h"
 #include "TwoFactorAuthenticationPamLine.h"
 
+using namespace Engine;
+
 namespace {
 
-bool SwitchOn(Engine::TwoFactorAuthenticationTask& task, const std::string& service, const std::string& stack)
+bool SwitchOn(TwoFactorAuthenticationTask& task, const std::string& service, const std::string& stack)
 {
     Fuzz::Write(task.pamSshdPath, service);
     Fuzz::Write(task.pamDir + "common-auth", stack);
@@ -29,15 +30,14 @@ bool SwitchOn(Engine::TwoFactorAuthenticationTask& task, const std::string& serv
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    using Engine::PamLine::FitsPamLine;
-    Engine::TwoFactorAuthenticationTask& task = Fuzz::Task();
-    if (task.excludeUserList.empty()) {
-        while (FitsPamLine(task.GenerateParameters())) {
-            task.excludeUserList.push_back(std::string(31, 'u') + std::to_string(task.excludeUserList.size() % 10));
-        }
+    TwoFactorAuthenticationTask& task = Fuzz::Task();
+    // Made once: the longest exclude list that still fits the module line.
+    for (bool fits = task.excludeUserList.empty(); fits; fits = PamLine::FitsPamLine(task.GenerateParameters())) {
+        task.excludeUserList.push_back(std::string(31, 'u') + std::to_string(task.excludeUserList.size() % 10));
+    }
+    if (!PamLine::FitsPamLine(task.GenerateParameters())) {
         task.excludeUserList.pop_back();
     }
-
     const std::string input(reinterpret_cast<const char*>(data), size);
     const std::size_t nul = input.find('\0');
     const std::string service = input.substr(0, nul);
@@ -49,25 +49,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Fuzz::Read(task.pamIncludePath) != include) {
         __builtin_trap();
     }
-    if (!on) {
-        return 0;
+    bool carried = include.empty();
+    for (const std::string& form : {PamLine::skip_form, PamLine::sufficient_form}) {
+        const std::string line = form + task.GenerateParameters();
+        carried |= line.size() <= PamLine::max_line_length && include.find("\n" + line + "\n") != std::string::npos;
     }
-    const std::string arguments = task.GenerateParameters();
-    for (const std::string& form : {Engine::PamLine::skip_form, Engine::PamLine::sufficient_form}) {
-        if ((form + arguments).size() > Engine::PamLine::max_line_length) {
-            __builtin_trap();
-        }
-    }
-    if (!include.empty() && include.find("\n" + Engine::PamLine::skip_form + arguments + "\n") == std::string::npos &&
-        include.find("\n" + Engine::PamLine::sufficient_form + arguments + "\n") == std::string::npos) {
+    if (!carried || (on && (!task.SwitchAuth(true) || Fuzz::Read(task.pamSshdPath) != switched ||
+                            Fuzz::Read(task.pamIncludePath) != include))) {
         __builtin_trap();
     }
-    if (!task.SwitchAuth(true) || Fuzz::Read(task.pamSshdPath) != switched ||
-        Fuzz::Read(task.pamIncludePath) != include) {
-        __builtin_trap();
-    }
-    if (task.SwitchAuth(false) && Fuzz::Lines(Fuzz::Read(task.pamSshdPath), false) == Fuzz::Lines(service, false) &&
-        (!task.SwitchAuth(true) || Fuzz::Read(task.pamSshdPath) != switched)) {
+    const bool restored =
+        on && task.SwitchAuth(false) && Fuzz::Lines(Fuzz::Read(task.pamSshdPath), false) == Fuzz::Lines(service, false);
+    if (restored && (!task.SwitchAuth(true) || Fuzz::Read(task.pamSshdPath) != switched)) {
         __builtin_trap();
     }
     return 0;

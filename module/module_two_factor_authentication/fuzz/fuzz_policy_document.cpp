@@ -24,28 +24,24 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     unsigned int badIndex = 0;
     const PolicyFault fault = ReadPolicyDocument(text, settings, badIndex);
     TwoFactorAuthenticationPolicy policy(two_factor_authentication_feature);
-    if (policy.Parse(text) != (fault == PolicyFault::None)) {
+    const bool accepted = policy.Parse(text);
+    if (accepted != (fault == PolicyFault::None)) {
         __builtin_trap();
     }
-    if (fault != PolicyFault::None) {
+    if (!accepted) {
         return 0;
     }
-    if (policy.GetRefreshTime() != settings.refreshTime || policy.GetEcho() != settings.echo ||
-        policy.GetLocal() != settings.local || policy.GetExcludeUserList() != settings.excludeUserList) {
-        __builtin_trap();
-    }
+    const std::vector<std::string> excluded = policy.GetExcludeUserList();
     const std::string arguments =
-        PamLine::FormatArguments(settings.refreshTime, settings.echo, settings.local, settings.excludeUserList);
-    if (PamLine::skip_form.size() + arguments.size() > PamLine::max_line_length) {
-        __builtin_trap();
-    }
+        PamLine::FormatArguments(policy.GetRefreshTime(), policy.GetEcho(), policy.GetLocal(), excluded);
     std::vector<std::string> fields;
     std::vector<std::string> users;
     SDK::StrUtils::Split(arguments, " \t", fields);
     if (fields.size() == 4 && fields[3].compare(0, 18, "exclude_user_list=") == 0) {
         SDK::StrUtils::Split(fields[3].substr(18), ";", users);
     }
-    if (fields.size() != (settings.excludeUserList.empty() ? 3u : 4u) || users != settings.excludeUserList ||
+    if (PamLine::skip_form.size() + arguments.size() > PamLine::max_line_length || users != excluded ||
+        fields.size() != (excluded.empty() ? 3u : 4u) || excluded != settings.excludeUserList ||
         fields[0] != "refresh_time=" + std::to_string(settings.refreshTime)) {
         __builtin_trap();
     }

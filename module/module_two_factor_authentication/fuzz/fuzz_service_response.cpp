@@ -10,37 +10,26 @@
 
 #include "FuzzTask.h"
 
-namespace {
-
-// Reads `body` over a stale list; whether the list was accepted (stamped).
-bool ListAccepted(Engine::TwoFactorAuthenticationTask& task, const std::string& body, bool wantCode, bool& result)
-{
-    int code = 0;
-    task.commList = {"stale"};
-    task.commListUpdateTime = 0;
-    result = task.ParseResponseBody(body, wantCode, &code);
-    if (task.commList.size() > 32) {
-        __builtin_trap();
-    }
-    return task.commListUpdateTime != 0;
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     Engine::TwoFactorAuthenticationTask& task = Fuzz::Task();
     const std::string body(reinterpret_cast<const char*>(data), size);
-    bool listed = false;
-    bool coded = false;
-    if (ListAccepted(task, body, false, listed) != listed) {
+    bool result[2] = {false, false};
+    bool stamped[2] = {false, false};
+    std::vector<std::string> lists[2];
+    for (int wantCode = 0; wantCode < 2; ++wantCode) {
+        int code = 0;
+        task.commList = {"stale"};
+        task.commListUpdateTime = 0;
+        result[wantCode] = task.ParseResponseBody(body, wantCode == 1, &code);
+        stamped[wantCode] = task.commListUpdateTime != 0;
+        lists[wantCode] = task.commList;
+    }
+    if (lists[0].size() > 32 || lists[1] != lists[0] || stamped[0] != result[0] || stamped[1] != result[0] ||
+        (result[1] && !result[0])) {
         __builtin_trap();
     }
-    const std::vector<std::string> list = task.commList;
-    if (ListAccepted(task, body, true, coded) != listed || task.commList != list || (coded && !listed)) {
-        __builtin_trap();
-    }
-    for (const std::string& entry : list) {
+    for (const std::string& entry : lists[0]) {
         std::string trimmed = entry;
         SDK::StrUtils::Trim(trimmed);
         if (trimmed != entry) {
