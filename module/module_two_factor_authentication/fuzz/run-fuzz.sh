@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Builds libFuzzer targets with clang (whatever compiler the rest of the build
 # uses) against the project's own libraries, and runs each for a bounded time.
-# The sources under test are compiled into the targets, so that coverage
-# guides the fuzzer through them; objects are reused while their source is
-# older. Exits 77 (skip) when clang or its fuzzer runtime is missing.
+# The sources under test are compiled once into objects that every target
+# links, so that coverage guides the fuzzer through them. Exits 77 (skip)
+# when clang or its fuzzer runtime is missing.
 #
 # Usage: run-fuzz.sh CLANGXX WORK_DIR SECONDS FUZZ_DIR "TARGET..." ARG...
 #   FUZZ_DIR holds TARGET.cpp and seeds/TARGET/; each ARG is an include or
@@ -36,9 +36,7 @@ mkdir -p "$work"
 built=()
 for source in "${objects[@]}"; do
   object="$work/$(basename "$source" .cpp).o"
-  if [ ! "$object" -nt "$source" ]; then
-    "$clangxx" "${flags[@]}" -c "$source" -o "$object"
-  fi
+  "$clangxx" "${flags[@]}" -c "$source" -o "$object"
   built+=("$object")
 done
 
