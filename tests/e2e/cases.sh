@@ -220,8 +220,6 @@ case_kbdinteractive_keyword() {
   e2e_expect_success "alice logs in with the second factor" e2e_login_as alice
 }
 
-# Times logins on one sandboxed sshd: password alone (bob) against password
-# and second factor (alice), E2E_TIMING_ROUNDS each.
 # A benchmark, not a test (run by hand, see docs/benchmarks.md): PAIRS pairs
 # of logins, one of excluded bob (password alone) and one of alice (password,
 # contact, code), their order alternating from pair to pair; the median and
