@@ -108,28 +108,15 @@ std::future<std::string> RelayOnce(Poco::Net::ServerSocket& socket, const std::s
         bool data = false;
         for (std::string line; std::getline(io, line);) {
             transcript += line + "\n";
-            std::string reply = "250 ok";
-            if (data) {
-                if (line != ".\r") {
-                    continue;
-                }
-                data = false;
-            } else if (line.rfind("DATA", 0) == 0) {
-                data = true;
-                reply = "354 go on";
-            } else if (line.rfind("RCPT", 0) == 0) {
-                reply = rcptReply;
+            if (data && line != ".\r") {
+                continue;
             }
-            io << reply << "\r\n" << std::flush;
+            const bool rcpt = !data && line.rfind("RCPT", 0) == 0;
+            data = !data && line.rfind("DATA", 0) == 0;
+            io << (data ? "354 go on" : rcpt ? rcptReply : "250 ok") << "\r\n" << std::flush;
         }
         return transcript;
     });
-}
-
-std::unique_ptr<DeliveryChannel> Smtp(const Poco::Net::ServerSocket& relay)
-{
-    return std::make_unique<SmtpChannel>("127.0.0.1", relay.address().port(),
-                                         "otp@brackmoor.test", seconds(5));
 }
 
 TEST(Courier, SendsMailToTheRelayAndPhonesToAPrivateOutboxAndStopsAtAFailure)
@@ -139,7 +126,10 @@ TEST(Courier, SendsMailToTheRelayAndPhonesToAPrivateOutboxAndStopsAtAFailure)
     std::string error;
     Poco::Net::ServerSocket relay(Poco::Net::SocketAddress("127.0.0.1", 0));
     std::future<std::string> session = RelayOnce(relay, "250 ok");
-    Courier courier(OutboxChannel::Create(outbox, error), Smtp(relay), nullptr);
+    Courier courier(OutboxChannel::Create(outbox, error),
+                    std::make_unique<SmtpChannel>("127.0.0.1", relay.address().port(),
+                                                  "otp@brackmoor.test", seconds(5)),
+                    nullptr);
     ASSERT_TRUE(courier.DeliverToAll("web-01", {"+4915112345678", "alice@example.org"}, kText));
     const std::string transcript = session.get();
     EXPECT_NE(transcript.find("MAIL FROM:<otp@brackmoor.test>\r\n"), std::string::npos) << transcript;

@@ -26,6 +26,8 @@ TEST(FramedRequest, TakesOnlyWholeRequestsAndRefusesWhatNoAgentSends)
         {head + "Content-Length: 2\r\nExpect: 100-continue\r\n\r\n{", State::NeedMore, 0, "", 0},
         {head + "Content-Length: 10000000\r\nExpect: 100-continue\r\n\r\n", State::Complete, 0, "",
          head.size() + 50},
+        {head + "Content-Length: 4096\r\n\r\n" + std::string(4096, 'x'), State::Complete, 0,
+         std::string(4096, 'x'), head.size() + 4120}, // the largest body taken
         {head + "Transfer-Encoding: chunked\r\n\r\n", State::Refused, 411, "", 0},
         {head + "Content-Length: -1\r\n\r\n", State::Refused, 400, "", 0},
         {"HELLO\r\n\r\n", State::Refused, 400, "", 0},

@@ -7,7 +7,7 @@
 namespace brackmoor::verifyd {
 namespace {
 
-TEST(Secrets, CodesAreSixDigitsWithLeadingZerosKeptAndTokensNeverRepeat)
+TEST(Secrets, CodesAreSixDigitsTokensNeverRepeatAndComparisonsTakeWholeValues)
 {
     // 3000 draws: every first digit 0..9 shows up unless the codes are
     // badly skewed (the chance of missing one by luck is about 10^-136).
@@ -20,10 +20,7 @@ TEST(Secrets, CodesAreSixDigitsWithLeadingZerosKeptAndTokensNeverRepeat)
     }
     EXPECT_EQ(firstDigits.size(), 10u);
     EXPECT_NE(NewToken(), NewToken());
-}
-
-TEST(Secrets, SameSecretComparesWholeValues)
-{
+    // Whole values only: never a prefix, nor the empty value.
     EXPECT_TRUE(SameSecret("abcdef", "abcdef"));
     EXPECT_FALSE(SameSecret("abcdef", "abcdeF"));
     EXPECT_FALSE(SameSecret("abcdef", "abcde"));

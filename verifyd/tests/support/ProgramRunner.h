@@ -45,8 +45,7 @@ inline unsigned short FreeLoopbackPort()
     return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port();
 }
 
-/// `program` with `args` running in the background; killed when the object
-/// goes, unless it has been stopped before.
+/// `program` with `args` running in the background; killed when the object goes.
 class Background {
 public:
     Background(const std::string& program, const std::vector<std::string>& args)

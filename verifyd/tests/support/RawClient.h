@@ -51,10 +51,10 @@ inline Poco::Net::Context::Ptr ClientContext(const std::string& caFile,
     return context;
 }
 
-/// A list request of "web-01" as raw HTTP/1.1 that asks to close afterwards.
-inline std::string RawList(const std::string& token)
+/// A list request of `agent` as raw HTTP/1.1 that asks to close afterwards.
+inline std::string RawList(const std::string& token, const std::string& agent = "web-01")
 {
-    return "GET /tfa_phone_num?agent_id=web-01 HTTP/1.1\r\nHost: localhost\r\n"
+    return "GET /tfa_phone_num?agent_id=" + agent + " HTTP/1.1\r\nHost: localhost\r\n"
            "Connection: close\r\nX-Auth-Token: " + token + "\r\n\r\n";
 }
 
@@ -87,31 +87,24 @@ public:
     bool Resumed() { return tls && tls->sessionWasReused(); }
     Poco::Net::Session::Ptr Session() { return tls->currentSession(); }
     Poco::Net::StreamSocket& Socket() { return *tls; }
+    /// Sends `bytes` without waiting for an answer.
+    void Send(const std::string& bytes) { Exchange(bytes, false); }
 
-    void Send(const std::string& bytes)
-    {
-        try {
-            if (tls) {
-                tls->sendBytes(bytes.data(), static_cast<int>(bytes.size()));
-            }
-        } catch (const Poco::Exception&) {
-            // closed by the server: the caller finds out by reading
-        }
-    }
-
-    /// Sends `bytes` and returns all that comes back until the server closes
-    /// the connection (or 10 s pass without a byte).
-    std::string Exchange(const std::string& bytes)
+    /// Sends `bytes`, then returns all that comes back until the server closes
+    /// the connection (or 10 s pass without a byte) unless `read` is false.
+    std::string Exchange(const std::string& bytes, bool read = true)
     {
         std::string answer;
         char buffer[4096];
         try {
-            Send(bytes);
-            for (int got; tls && (got = tls->receiveBytes(buffer, sizeof buffer)) > 0;) {
+            if (tls) {
+                tls->sendBytes(bytes.data(), static_cast<int>(bytes.size()));
+            }
+            for (int got; read && tls && (got = tls->receiveBytes(buffer, sizeof buffer)) > 0;) {
                 answer.append(buffer, static_cast<std::size_t>(got));
             }
         } catch (const Poco::Exception&) {
-            // a reset after the answer, or no connection at all
+            // closed by the server, or no connection at all: the caller sees what came
         }
         return answer;
     }

@@ -33,48 +33,65 @@ struct Reply {
     Json::Value json; ///< the body parsed, null when it is not JSON
 };
 
+/// Contacts as the operator registered them, and as users type them at the login prompt.
+const std::vector<std::string> kRegistered = {"+49 151 1234-5678", "Alice@Example.org"};
+const std::vector<std::string> kTyped = {"0049 (151) 12345678", " alice@EXAMPLE.org"};
+
+/// The hash the agent computes for a contact a user typed: the PAM module
+/// normalises the text, the agent hashes it with the SDK.
+inline std::string AgentSideHash(const std::string& typed)
+{
+    std::string hash;
+    SDK::CryptoCodeUtils::GetStrSha256(brackmoor::NormalizeContact(typed), hash, 10240);
+    return hash;
+}
+
+/// The body the agent sends: {"random_num": N} rendered by the SDK.
+inline std::string CodeBody(int reference)
+{
+    Json::Value body(Json::objectValue);
+    body["random_num"] = reference;
+    return SDK::JsonUtils::JsonToString(body);
+}
+
 /// A brackmoor-verifyd service in this process on 127.0.0.1 and a free port,
 /// with its own directory, throw-away certificates, database and outbox, and
-/// the agent's SDK (Framework::ConfigManager) pointed at it, so that requests
-/// go through SDK::HttpUtils exactly as the agent sends them.
-class VerifydHarness {
-public:
+/// one agent, "web-01", with kRegistered. The agent's SDK
+/// (Framework::ConfigManager) points at it, so that requests go through
+/// SDK::HttpUtils exactly as the agent sends them.
+class ServiceTest : public ::testing::Test {
+protected:
     /// `extraConfig` is appended to the INI file, for instance "[sms]\ncommand = hook.sh\n".
-    explicit VerifydHarness(const std::string& extraConfig = "") : certificates(dir.Path())
+    explicit ServiceTest(const std::string& extraConfig = "") : extra(extraConfig) {}
+
+    void SetUp() override
     {
         brackmoor::verifyd::ServiceConfig config;
-        if (!certificates.Ok()) {
-            error = "no certificates: " + certificates.Error();
-        } else if (brackmoor::verifyd::LoadServiceConfig(WriteConfig("verifyd.ini", 0, extraConfig),
-                                                         config, error)) {
-            service = brackmoor::verifyd::Service::Create(config, error);
-        }
-        if (service) {
-            service->Start();
-            Framework::ConfigManager* agent = Framework::ConfigManager::GetInstance();
-            agent->Set("service.address", "localhost:" + std::to_string(service->Port()));
-            agent->Set("service.ca_file", certificates.CaFile());
-        }
+        std::string error;
+        ASSERT_TRUE(certificates.Ok()) << certificates.Error();
+        ASSERT_TRUE(brackmoor::verifyd::LoadServiceConfig(WriteConfig("verifyd.ini", 0, extra),
+                                                          config, error)) << error;
+        service = brackmoor::verifyd::Service::Create(config, error);
+        ASSERT_TRUE(service) << error;
+        service->Start();
+        Framework::ConfigManager* agent = Framework::ConfigManager::GetInstance();
+        agent->Set("service.address", "localhost:" + std::to_string(Port()));
+        agent->Set("service.ca_file", certificates.CaFile());
+        token = AddAgent("web-01", kRegistered);
+        ASSERT_FALSE(token.empty());
     }
 
-    /// "" when the service runs; otherwise what went wrong.
-    const std::string& Error() const { return error; }
-
     /// Writes a configuration for this directory's certificates, database and
-    /// outbox, listening on `port`, followed by `extra`; returns its path.
+    /// outbox, listening on `port`, followed by `more`; returns its path.
     std::string WriteConfig(const std::string& name, unsigned short port,
-                            const std::string& extra) const
+                            const std::string& more) const
     {
         return dir.Write(name, "[server]\nport = " + std::to_string(port) + "\nthreads = 8\n"
                                "[tls]\ncertificate = server.pem\nprivate_key = server.key\n"
-                               "[database]\npath = verifyd.db\n[outbox]\ndirectory = outbox\n" +
-                                   extra);
+                               "[database]\npath = verifyd.db\n[outbox]\ndirectory = outbox\n" + more);
     }
-    std::string ConfigFile() const { return dir.File("verifyd.ini"); }
-    const TestSupport::TempDir& Dir() const { return dir; }
-    const std::string& CaFile() const { return certificates.CaFile(); }
     unsigned short Port() const { return service->Port(); }
-    brackmoor::verifyd::VerificationApi& Api() { return service->Api(); }
+    const std::string& CaFile() const { return certificates.CaFile(); }
 
     /// Registers an agent with `contacts` (as an operator would type them)
     /// through the administration command's code path; returns its token.
@@ -106,6 +123,19 @@ public:
         return reply;
     }
 
+    Reply List(const std::string& withToken = "")
+    {
+        const std::string& presented = withToken.empty() ? token : withToken;
+        return Call("GET", "/tfa_phone_num", Agent(), {{"X-Auth-Token", presented}});
+    }
+    /// The code request exactly as the agent sends it.
+    Reply RequestCode() { return Call("POST", "/tfa_code", Agent(), CodeHeaders(), CodeBody(4711)); }
+    static Params Agent(const std::string& id = "web-01") { return {{"agent_id", id}}; }
+    Params CodeHeaders() const
+    {
+        return {{"X-Auth-Token", token}, {"Content-Type", "application/json"}};
+    }
+
     /// The outbox messages, oldest first.
     std::vector<std::string> OutboxMessages() const
     {
@@ -118,65 +148,10 @@ public:
         return messages;
     }
 
-private:
+    std::string extra;
     TestSupport::TempDir dir;
-    TestSupport::TestCertificates certificates;
+    TestSupport::TestCertificates certificates{dir.Path()};
     std::unique_ptr<brackmoor::verifyd::Service> service; // stops before the folder goes
-    std::string error;
-};
-
-/// The hash the agent computes for a contact a user typed: the PAM module
-/// normalises the text, the agent hashes it with the SDK.
-inline std::string AgentSideHash(const std::string& typed)
-{
-    std::string hash;
-    SDK::CryptoCodeUtils::GetStrSha256(brackmoor::NormalizeContact(typed), hash, 10240);
-    return hash;
-}
-
-/// Contacts as the operator registered them, and as users type them at the login prompt.
-const std::vector<std::string> kRegistered = {"+49 151 1234-5678", "Alice@Example.org"};
-const std::vector<std::string> kTyped = {"0049 (151) 12345678", " alice@EXAMPLE.org"};
-
-/// The body the agent sends: {"random_num": N} rendered by the SDK.
-inline std::string CodeBody(int reference)
-{
-    Json::Value body(Json::objectValue);
-    body["random_num"] = reference;
-    return SDK::JsonUtils::JsonToString(body);
-}
-
-/// The service (with `extraConfig`) and one agent, "web-01", with kRegistered.
-class ServiceTest : public ::testing::Test {
-protected:
-    explicit ServiceTest(const std::string& extraConfig = "") : service(extraConfig) {}
-
-    void SetUp() override
-    {
-        ASSERT_EQ(service.Error(), "");
-        token = service.AddAgent("web-01", kRegistered);
-        ASSERT_FALSE(token.empty());
-    }
-
-    Reply List(const std::string& withToken = "")
-    {
-        return service.Call("GET", "/tfa_phone_num", Agent(),
-                            {{"X-Auth-Token", withToken.empty() ? token : withToken}});
-    }
-    /// The code request exactly as the agent sends it.
-    Reply RequestCode(int reference = 4711)
-    {
-        return service.Call("POST", "/tfa_code", Agent(), CodeHeaders(), CodeBody(reference));
-    }
-    static Params Agent(const std::string& id = "web-01") { return {{"agent_id", id}}; }
-    Params CodeHeaders() const
-    {
-        return {{"X-Auth-Token", token},
-                {"Content-Type", "application/json; charset=utf-8"},
-                {"Accept-Type", "application/json; charset=utf-8"}};
-    }
-
-    VerifydHarness service;
     std::string token;
 };
 
