@@ -24,12 +24,9 @@ TEST(ConfigFileTest, EveryFaultIsOneLineNamingFileAndKeyWithStatus2)
         const char *line, *replacement, *expected;
         unsigned int mode = 0644;  ///< of the file; 0: no file at all
     } faults[] = {
-        {"id = ", "", "missing key agent.id"}, {"address = ", "", "missing key service.address"},
-        {"ca_file = ", "", "missing key service.ca_file"},
+        // The bounds of each [agent], [service] and [log] value are ConfigManager's suite's.
+        {"id = ", "", "missing key agent.id"}, {"ca_file = ", "", "missing key service.ca_file"},
         {"auth_token_file = ", "", "missing key service.auth_token_file"},
-        {"address = ", "address = a b:99999", "bad value for service.address"},
-        {"connect_timeout", "connect_timeout = 0", "bad value for service.connect_timeout"},
-        {"level = ", "level = loud", "bad value for log.level"},
         {"id = ", "id = a\nmodule_dir = lib/modules", "bad value for agent.module_dir: 'lib/modules' (absolute path)"},
         {"pid_file = ", "pid_file = agent.pid", "bad value for agent.pid_file: 'agent.pid' (absolute path)"},
         {"file = ", "", "missing key policy.tfa.file"}, {"file = ", "file = tfa.json", "bad value for policy.tfa.file"},

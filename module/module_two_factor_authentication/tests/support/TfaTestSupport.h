@@ -43,18 +43,16 @@ public:
         logger.setChannel(channel);
         logger.setLevel(Poco::Message::PRIO_TRACE);
     }
-    /// Every record as "<priority letter> <text>" ("E", "W", "I", "D"), with " (no source)"
-    /// when it lacks the base name of its source file and a line.
+    /// Every record as "<priority letter> <text>" ("E", "W", "I", "D").
     TfaTest::Records Records() const
     {
         TfaTest::Records records;
         for (const Poco::Message& message : channel->Messages()) {
-            std::string text = message.getText(), file = message.getSourceFile() ? message.getSourceFile() : "/";
+            std::string text = message.getText();
             for (size_t at = 0; !root.empty() && (at = text.find(root, at)) != std::string::npos;) {
                 text.replace(at, root.size(), "ROOT");
             }
-            const bool located = file.find('/') == std::string::npos && message.getSourceLine() > 0;
-            records.push_back("?FCEWNIDT"[message.getPriority()] + (" " + text) + (located ? "" : " (no source)"));
+            records.push_back("?FCEWNIDT"[message.getPriority()] + (" " + text));
         }
         return records;
     }
@@ -70,10 +68,9 @@ private:
 /// script would restart this machine's sshd): a PAM module file and a restart
 /// script that counts its runs and fails, which the task ignores.
 struct StandInInstallation {
-    /// `module`: the file installed as module/pam_brackmoor.so; a line of text when empty.
-    explicit StandInInstallation(const std::string& module = "")
+    StandInInstallation()
     {
-        WriteText(dir.File("module/pam_brackmoor.so"), module.empty() ? "stand-in\n" : ReadWholeFile(module));
+        WriteText(dir.File("module/pam_brackmoor.so"), "stand-in\n");
         WriteText(dir.File("sudobin/sshrestart.sh"), "#!/bin/sh\necho >> " + dir.File("restarts") + "\nexit 3\n");
         fs::permissions(dir.File("sudobin/sshrestart.sh"), fs::perms::owner_exec, fs::perm_options::add);
         Configure("agent.installation_path", dir.Path() + "/");
@@ -142,11 +139,11 @@ inline std::string Sha256Hex(const std::string& text)
 /// {"comm_list":[...entries...]} plus `more` (further members as JSON text).
 inline std::string ListJson(const std::vector<std::string>& entries, const std::string& more = "")
 {
-    std::string json = "{\"comm_list\":[";
+    std::string json;
     for (const std::string& entry : entries) {
-        json += "\"" + entry + (&entry == &entries.back() ? "\"" : "\",");
+        json += (json.empty() ? "\"" : ",\"") + entry + "\"";
     }
-    return json + "]" + (more.empty() ? "" : "," + more) + "}";
+    return "{\"comm_list\":[" + json + "]" + (more.empty() ? "" : "," + more) + "}";
 }
 
 /// A client of the task's datagram server, as the PAM module is one, bound to
