@@ -5,6 +5,7 @@
 #include <deque>
 #include <memory>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "StartAtQueue.h"
@@ -105,6 +106,33 @@ TEST(LocklessQueueTest, ReleaseOnDequeueDecidesWhetherATakenSlotKeepsItsReferenc
             EXPECT_EQ(held.use_count(), release ? 2 : 3) << "a reused slot drops its stale reference";
         }
         EXPECT_EQ(held.use_count() + other.use_count(), 2) << "the destructor drops every reference";
+    }
+}
+
+// An element whose copy stalls: a slot handed to a consumer before its copy
+// completed would come out with the slot's old value.
+struct SlowCopy {
+    int value = 0;
+    SlowCopy& operator=(const SlowCopy& other)
+    {
+        if (other.value != 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        value = other.value;
+        return *this;
+    }
+};
+
+TEST(LocklessQueueTest, ASlotIsTakenOnlyOnceItsCopyIsComplete)
+{
+    for (const bool single : {true, false}) {
+        SDK::LocklessQueue<SlowCopy> queue(8, single, single, false);
+        std::thread producer([&queue] { queue.EnqueueBulk({SlowCopy{7}}, 0); });
+        std::vector<SlowCopy> taken;
+        while (queue.DequeueBulk(taken, 1) == 0) {
+        }
+        producer.join();
+        EXPECT_EQ(taken.at(0).value, 7) << (single ? "single" : "multi");
     }
 }
 

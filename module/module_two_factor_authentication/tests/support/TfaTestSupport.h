@@ -68,9 +68,10 @@ private:
 /// script would restart this machine's sshd): a PAM module file and a restart
 /// script that counts its runs and fails, which the task ignores.
 struct StandInInstallation {
-    StandInInstallation()
+    /// `module`: the file installed as module/pam_brackmoor.so; a line of text when empty.
+    explicit StandInInstallation(const std::string& module = "")
     {
-        WriteText(dir.File("module/pam_brackmoor.so"), "stand-in\n");
+        WriteText(dir.File("module/pam_brackmoor.so"), module.empty() ? "stand-in\n" : ReadWholeFile(module));
         WriteText(dir.File("sudobin/sshrestart.sh"), "#!/bin/sh\necho >> " + dir.File("restarts") + "\nexit 3\n");
         fs::permissions(dir.File("sudobin/sshrestart.sh"), fs::perms::owner_exec, fs::perm_options::add);
         Configure("agent.installation_path", dir.Path() + "/");
