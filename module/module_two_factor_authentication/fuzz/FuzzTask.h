@@ -8,22 +8,18 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "Framework/ConfigManager.h"
 #include "SDK/LoggerUtils.h"
 #include "SDK/StrUtils.h"
+#include "TestSupport/TempDir.h"
 #include "TwoFactorAuthenticationTask.h"
 
 namespace Fuzz {
 
-inline std::string Read(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+using TestSupport::ReadWholeFile;
 
 inline void Write(const std::string& path, const std::string& text)
 {

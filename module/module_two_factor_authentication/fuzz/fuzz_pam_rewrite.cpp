@@ -43,10 +43,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string service = input.substr(0, nul);
     const std::string stack = nul == std::string::npos ? std::string() : input.substr(nul + 1);
     const bool on = SwitchOn(task, service, stack);
-    const std::string switched = Fuzz::Read(task.pamSshdPath);
-    const std::string include = Fuzz::Read(task.pamIncludePath);
-    if (SwitchOn(task, service, stack) != on || Fuzz::Read(task.pamSshdPath) != switched ||
-        Fuzz::Read(task.pamIncludePath) != include) {
+    const std::string switched = Fuzz::ReadWholeFile(task.pamSshdPath);
+    const std::string include = Fuzz::ReadWholeFile(task.pamIncludePath);
+    if (SwitchOn(task, service, stack) != on || Fuzz::ReadWholeFile(task.pamSshdPath) != switched ||
+        Fuzz::ReadWholeFile(task.pamIncludePath) != include) {
         __builtin_trap();
     }
     bool carried = include.empty();
@@ -54,13 +54,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const std::string line = form + task.GenerateParameters();
         carried |= line.size() <= PamLine::max_line_length && include.find("\n" + line + "\n") != std::string::npos;
     }
-    if (!carried || (on && (!task.SwitchAuth(true) || Fuzz::Read(task.pamSshdPath) != switched ||
-                            Fuzz::Read(task.pamIncludePath) != include))) {
+    if (!carried || (on && (!task.SwitchAuth(true) || Fuzz::ReadWholeFile(task.pamSshdPath) != switched ||
+                            Fuzz::ReadWholeFile(task.pamIncludePath) != include))) {
         __builtin_trap();
     }
     const bool restored =
-        on && task.SwitchAuth(false) && Fuzz::Lines(Fuzz::Read(task.pamSshdPath), false) == Fuzz::Lines(service, false);
-    if (restored && (!task.SwitchAuth(true) || Fuzz::Read(task.pamSshdPath) != switched)) {
+        on && task.SwitchAuth(false) && Fuzz::Lines(Fuzz::ReadWholeFile(task.pamSshdPath), false) == Fuzz::Lines(service, false);
+    if (restored && (!task.SwitchAuth(true) || Fuzz::ReadWholeFile(task.pamSshdPath) != switched)) {
         __builtin_trap();
     }
     return 0;

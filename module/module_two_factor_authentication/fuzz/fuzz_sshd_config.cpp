@@ -17,14 +17,14 @@ const char* const kKeys[] = {"ChallengeResponseAuthentication", "KbdInteractiveA
 std::string Switched(Engine::TwoFactorAuthenticationTask& task, bool on)
 {
     task.SwitchSshdConfig(on);
-    return Fuzz::Read(task.sshdConfigPath);
+    return Fuzz::ReadWholeFile(task.sshdConfigPath);
 }
 
 // Whether an active line still sets the keyword that the switch edits to `value`.
 bool HasActive(Engine::TwoFactorAuthenticationTask& task, const std::string& value)
 {
     const std::string key = task.IsHasTwoKeyLine(kKeys[0]) != -1 ? kKeys[0] : kKeys[1];
-    for (const std::string& line : Fuzz::Lines(Fuzz::Read(task.sshdConfigPath), true)) {
+    for (const std::string& line : Fuzz::Lines(Fuzz::ReadWholeFile(task.sshdConfigPath), true)) {
         if (task.IsHasKeyLine(line, key, value)) {
             return true;
         }
