@@ -73,6 +73,11 @@ bool ConnectionLoop::Open(std::string& error)
 void ConnectionLoop::Stop()
 {
     stopping = true;
+    Wake();
+}
+
+void ConnectionLoop::Wake()
+{
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = ::write(wake.Get(), &one, sizeof one);
 }
@@ -250,8 +255,7 @@ void ConnectionLoop::Dispatch(Id id, ClientConnection& connection, FramedRequest
             std::lock_guard<std::mutex> guard(answersLock);
             answers.push_back({id, std::move(bytes)});
         }
-        const std::uint64_t one = 1;
-        [[maybe_unused]] const ssize_t written = ::write(wake.Get(), &one, sizeof one);
+        Wake();
     });
 }
 

@@ -82,6 +82,8 @@ private:
     void Close(Id id);
     /// Closes every connection for which `doomed` holds.
     void CloseWhere(const std::function<bool(const ClientConnection&)>& doomed);
+    /// Wakes Run() from epoll_wait, from any thread.
+    void Wake();
     void TakeAnswers(Clock::time_point now);
     void Expire(Clock::time_point now);
     void BeginStop();
