@@ -30,16 +30,17 @@ AuthThrottle::AuthThrottle(int failuresPerMinute)
 {
 }
 
+double AuthThrottle::Level(const Bucket& bucket, Clock::time_point now) const
+{
+    const std::chrono::duration<double> passed = now - bucket.updated;
+    return std::min(capacity, bucket.attempts + passed.count() * perSecond);
+}
+
 AuthThrottle::Bucket& AuthThrottle::Refilled(const std::string& key, Clock::time_point now)
 {
     const auto [found, added] = buckets.try_emplace(key);
     Bucket& bucket = found->second;
-    if (added) {
-        bucket.attempts = capacity;
-    } else {
-        const std::chrono::duration<double> passed = now - bucket.updated;
-        bucket.attempts = std::min(capacity, bucket.attempts + passed.count() * perSecond);
-    }
+    bucket.attempts = added ? capacity : Level(bucket, now);
     bucket.updated = now;
     return bucket;
 }
@@ -85,9 +86,7 @@ void AuthThrottle::Sweep(Clock::time_point now)
     }
     lastSweep = now;
     for (auto it = buckets.begin(); it != buckets.end();) {
-        const std::chrono::duration<double> passed = now - it->second.updated;
-        const bool full = it->second.attempts + passed.count() * perSecond >= capacity;
-        it = full ? buckets.erase(it) : std::next(it);
+        it = Level(it->second, now) >= capacity ? buckets.erase(it) : std::next(it);
     }
 }
 

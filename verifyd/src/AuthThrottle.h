@@ -37,6 +37,8 @@ private:
         long refusedSinceLog = 0;
     };
 
+    /// The attempts `bucket` has at `now`, at most `capacity`.
+    double Level(const Bucket& bucket, Clock::time_point now) const;
     /// The address's bucket, refilled up to `now`.
     Bucket& Refilled(const std::string& key, Clock::time_point now);
     /// Drops buckets that are full again, so idle addresses cost no memory.

@@ -81,6 +81,9 @@ public:
     /// Reads and discards what the client still sends; Closed at its end.
     Io Drain();
 
+    /// A request thread has the request, or its answer is going out.
+    bool AnswerUnderWay() const { return phase == Phase::Working || phase == Phase::Writing; }
+
     Phase phase = Phase::Handshake;
     Clock::time_point deadline; ///< when the current phase must be over
     bool continueSent = false;  ///< "100 Continue" went out for the request being read

@@ -28,8 +28,6 @@ public:
     /// Forgets a connection that Admit() counted.
     void Release(const std::string& address);
 
-    int Open() const { return open; }
-
 private:
     const int perAddress;
     const int total;

@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -72,6 +73,11 @@ bool ConnectionLoop::Open(std::string& error)
 void ConnectionLoop::Stop()
 {
     stopping = true;
+    Wake();
+}
+
+void ConnectionLoop::Wake()
+{
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = ::write(wake.Get(), &one, sizeof one);
 }
@@ -249,8 +255,7 @@ void ConnectionLoop::Dispatch(Id id, ClientConnection& connection, FramedRequest
             std::lock_guard<std::mutex> guard(answersLock);
             answers.push_back({id, std::move(bytes)});
         }
-        const std::uint64_t one = 1;
-        [[maybe_unused]] const ssize_t written = ::write(wake.Get(), &one, sizeof one);
+        Wake();
     });
 }
 
@@ -321,17 +326,24 @@ void ConnectionLoop::Close(Id id)
     connections.erase(found);
 }
 
-void ConnectionLoop::Expire(Clock::time_point now)
+void ConnectionLoop::CloseWhere(const std::function<bool(const ClientConnection&)>& doomed)
 {
-    std::vector<Id> late;
+    std::vector<Id> chosen;
     for (const auto& [id, connection] : connections) {
-        if (connection->phase != Phase::Working && now >= connection->deadline) {
-            late.push_back(id);
+        if (doomed(*connection)) {
+            chosen.push_back(id);
         }
     }
-    for (const Id id : late) {
+    for (const Id id : chosen) {
         Close(id);
     }
+}
+
+void ConnectionLoop::Expire(Clock::time_point now)
+{
+    CloseWhere([now](const ClientConnection& connection) {
+        return connection.phase != Phase::Working && now >= connection.deadline;
+    });
     if (!listening && !stopping && now >= acceptPausedUntil) {
         WatchListener(true);
     }
@@ -348,25 +360,13 @@ void ConnectionLoop::BeginStop()
 {
     ::epoll_ctl(epoll.Get(), EPOLL_CTL_DEL, listenSocket, nullptr);
     listening = false;
-    std::vector<Id> waiting;
-    for (const auto& [id, connection] : connections) {
-        if (connection->phase != Phase::Working && connection->phase != Phase::Writing) {
-            waiting.push_back(id);
-        }
-    }
-    for (const Id id : waiting) {
-        Close(id);
-    }
+    CloseWhere([](const ClientConnection& connection) { return !connection.AnswerUnderWay(); });
 }
 
 bool ConnectionLoop::AnswersUnderWay() const
 {
-    for (const auto& [id, connection] : connections) {
-        if (connection->phase == Phase::Working || connection->phase == Phase::Writing) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(connections.begin(), connections.end(),
+                       [](const auto& entry) { return entry.second->AnswerUnderWay(); });
 }
 
 } // namespace brackmoor::verifyd

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -79,6 +80,10 @@ private:
     void Watch(Id id, ClientConnection& connection, std::uint32_t events);
     void WatchListener(bool on);
     void Close(Id id);
+    /// Closes every connection for which `doomed` holds.
+    void CloseWhere(const std::function<bool(const ClientConnection&)>& doomed);
+    /// Wakes Run() from epoll_wait, from any thread.
+    void Wake();
     void TakeAnswers(Clock::time_point now);
     void Expire(Clock::time_point now);
     void BeginStop();

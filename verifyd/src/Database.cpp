@@ -279,7 +279,6 @@ StoreResult Database::CountCodeRequest(const std::string& agent, std::int64_t no
         if (!LockAgent(session, dialect, agent)) {
             return StoreResult::NotFound;
         }
-        const Poco::Int64 at = nowMs;
         const Poco::Int64 hourAgo = nowMs - 3600 * 1000;
         session << dialect.Sql("DELETE FROM code_requests WHERE agent_id = ? AND requested_ms <= ?"),
             bind(agent), bind(hourAgo), now;
@@ -287,13 +286,12 @@ StoreResult Database::CountCodeRequest(const std::string& agent, std::int64_t no
         session << dialect.Sql("SELECT requested_ms FROM code_requests WHERE agent_id = ?"
                                " ORDER BY requested_ms"),
             bind(agent), into(counted), now;
-        const std::vector<std::int64_t> times(counted.begin(), counted.end());
-        if (!limits.Admit(times, nowMs, retryAfter)) {
+        if (!limits.Admit(counted, nowMs, retryAfter)) {
             transaction.Commit(); // the expired rows stay deleted
             return StoreResult::Limited;
         }
         session << dialect.Sql("INSERT INTO code_requests (agent_id, requested_ms) VALUES (?, ?)"),
-            bind(agent), bind(at), now;
+            bind(agent), bind(nowMs), now;
         transaction.Commit();
         return StoreResult::Ok;
     });

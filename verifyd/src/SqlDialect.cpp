@@ -24,11 +24,6 @@ std::string SqlDialect::Sql(const std::string& text) const
     return numbered;
 }
 
-const char* SqlDialect::BeginWrite() const
-{
-    return IsPostgres() ? "BEGIN" : "BEGIN IMMEDIATE";
-}
-
 const char* SqlDialect::LockAgent() const
 {
     return IsPostgres() ? "SELECT id FROM agents WHERE id = $1 FOR UPDATE"

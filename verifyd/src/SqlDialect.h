@@ -17,7 +17,6 @@ public:
 
     explicit SqlDialect(Engine engine) : kind(engine) {}
 
-    Engine Kind() const { return kind; }
     bool IsPostgres() const { return kind == Engine::PostgreSQL; }
 
     /// The POCO Data connector's name.
@@ -26,11 +25,6 @@ public:
     /// `text` with its "?" placeholders as the engine numbers them ($1, $2, ...
     /// for PostgreSQL). The statements of this program hold no "?" in literals.
     std::string Sql(const std::string& text) const;
-
-    /// Starts a transaction that will write. SQLite takes its write lock at
-    /// once (BEGIN IMMEDIATE), so two writers queue instead of one failing
-    /// when it upgrades a read lock; PostgreSQL locks rows as it goes.
-    const char* BeginWrite() const;
 
     /// Selects the id of an agent and, in PostgreSQL, locks its row until the
     /// transaction ends, so that concurrent writers for one agent (two code

@@ -15,7 +15,7 @@ SqlTransaction::SqlTransaction(Poco::Data::Session& connection, const SqlDialect
     if (direct) {
         session.begin();
     } else {
-        session << (mode == Mode::Write ? dialect.BeginWrite() : "BEGIN"), now;
+        session << (mode == Mode::Write ? "BEGIN IMMEDIATE" : "BEGIN"), now;
     }
 }
 

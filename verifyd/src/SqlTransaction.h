@@ -8,7 +8,9 @@ namespace brackmoor::verifyd {
 
 /// One transaction on a session, rolled back unless committed.
 ///
-/// Writers begin as SqlDialect::BeginWrite says. Readers use a plain
+/// In SQLite, writers begin with BEGIN IMMEDIATE, which takes the write lock
+/// at once: two writers then queue instead of one failing when it upgrades a
+/// read lock. PostgreSQL locks rows as it goes. Readers use a plain
 /// transaction, which gives them one consistent view for several reads
 /// (a snapshot under SQLite's WAL) without blocking writers.
 ///

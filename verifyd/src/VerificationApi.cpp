@@ -31,11 +31,6 @@ ApiResponse Answer(int status, const Json::Value& body)
     return response;
 }
 
-ApiResponse Error(int status, const std::string& message)
-{
-    return VerificationApi::Refusal(status, message);
-}
-
 /// The single, non-empty agent_id of the query; false when missing or repeated.
 bool QueryAgent(const Poco::URI::QueryParameters& query, std::string& agent)
 {
@@ -122,41 +117,41 @@ ApiResponse VerificationApi::Handle(const ApiRequest& request)
             // Decoding the query finds broken escapes ("%zz") the parse let pass.
             query = uri.getQueryParameters();
         } catch (const Poco::SyntaxException&) {
-            return Error(400, "malformed request target");
+            return Refusal(400, "malformed request target");
         }
         const std::string& path = uri.getPath();
         const bool list = path == kListPath;
         if (!list && path != kCodePath) {
-            return Error(404, "no such resource");
+            return Refusal(404, "no such resource");
         }
         const char* allowed = list ? "GET" : "POST";
         if (request.method != allowed) {
-            ApiResponse response = Error(405, "method not allowed");
+            ApiResponse response = Refusal(405, "method not allowed");
             response.headers.emplace_back("Allow", allowed);
             return response;
         }
         if (request.bodyTooLarge) {
-            return Error(413, "request body too large");
+            return Refusal(413, "request body too large");
         }
 
         std::string agent;
         if (!QueryAgent(query, agent)) {
-            return Error(400, "exactly one non-empty agent_id parameter is required");
+            return Refusal(400, "exactly one non-empty agent_id parameter is required");
         }
         std::vector<std::string> contacts;
         std::chrono::seconds wait(0);
         ApiResponse response;
         std::vector<std::string> hashes;
         if (!throttle.Allows(request.client, AuthThrottle::Clock::now(), wait)) {
-            response = Error(429, "too many failed authentications from this address");
+            response = Refusal(429, "too many failed authentications from this address");
             response.headers.emplace_back("Retry-After", std::to_string(wait.count()));
         } else if (const int refused = Authenticate(request, agent, contacts); refused != 0) {
-            response = Error(refused, refused == 401 ? "unknown agent or wrong token"
-                                                     : "internal error");
+            response = Refusal(refused, refused == 401 ? "unknown agent or wrong token"
+                                                       : "internal error");
         } else if (contacts.empty()) {
-            response = Error(409, "no contacts are registered for this agent");
+            response = Refusal(409, "no contacts are registered for this agent");
         } else if (!PublishedHashes(contacts, hashes)) {
-            response = Error(500, "internal error");
+            response = Refusal(500, "internal error");
         } else if (list) {
             Json::Value body(Json::objectValue);
             body["comm_list"] = CommList(hashes);
@@ -168,7 +163,7 @@ ApiResponse VerificationApi::Handle(const ApiRequest& request)
         return response;
     } catch (const std::exception& e) {
         Poco::Logger::get("verifyd.api").error("request failed: %s", std::string(e.what()));
-        return Error(500, "internal error");
+        return Refusal(500, "internal error");
     }
 }
 
@@ -199,7 +194,7 @@ ApiResponse VerificationApi::IssueCode(const std::string& agent,
 {
     long long reference = 0;
     if (!RandomNum(body, reference)) {
-        return Error(400, "the body must be a JSON object with an integer random_num");
+        return Refusal(400, "the body must be a JSON object with an integer random_num");
     }
     std::chrono::seconds retryAfter(0);
     const auto nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -209,23 +204,23 @@ ApiResponse VerificationApi::IssueCode(const std::string& agent,
     case StoreResult::Ok:
         break;
     case StoreResult::Limited: {
-        ApiResponse response = Error(429, "too many code requests");
+        ApiResponse response = Refusal(429, "too many code requests");
         response.headers.emplace_back("Retry-After", std::to_string(retryAfter.count()));
         return response;
     }
     case StoreResult::NotFound:
-        return Error(401, "unknown agent or wrong token"); // removed a moment ago
+        return Refusal(401, "unknown agent or wrong token"); // removed a moment ago
     default:
-        return Error(500, "internal error");
+        return Refusal(500, "internal error");
     }
     const std::string code = NewCode();
     if (code.empty()) {
-        return Error(500, "internal error");
+        return Refusal(500, "internal error");
     }
     const std::string text = "Brackmoor verification code " + code + " for login reference " +
                              std::to_string(reference);
     if (!courier.DeliverToAll(agent, contacts, text)) {
-        return Error(502, "the code could not be delivered");
+        return Refusal(502, "the code could not be delivered");
     }
     Json::Value answer(Json::objectValue);
     answer["comm_list"] = CommList(hashes);
