@@ -1,27 +1,42 @@
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <algorithm>
 #include <map>
 
 #include <gtest/gtest.h>
 
-#include "PostgresDatabase.h"
 #include "ProgramRunner.h"
 #include "RawClient.h"
 #include "TestSupport/Sandbox.h"
 #include "TestSupport/TempDir.h"
 #include "TestSupport/TestCertificates.h"
 
+namespace brackmoor::verifyd {
+/// A new, empty database on the throw-away PostgreSQL server that Debian's
+/// pg_virtualenv starts for a run and describes in PGHOST, PGPORT, PGUSER and
+/// PGPASSWORD: its URL, as database.url takes it; "" when there is no such
+/// server or the database cannot be made. The database suite
+/// (DatabaseTest.cpp) runs on these too.
+std::string NewDatabase()
+{
+    const char* user = std::getenv("PGUSER");
+    const char* password = std::getenv("PGPASSWORD");
+    const char* host = std::getenv("PGHOST");
+    const char* port = std::getenv("PGPORT");
+    static int databases = 0;
+    const std::string database = "verifyd_" + std::to_string(++databases);
+    if (!user || !password || !host || !port ||
+        Poco::Process::launch("/usr/bin/createdb", {database}).wait() != 0) {
+        return "";
+    }
+    return std::string("postgresql://") + user + ":" + password + "@" + host + ":" + port + "/" + database;
+}
+} // namespace brackmoor::verifyd
+
 namespace verifyd_test {
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string CodeRequest(const std::string& token)
-{
-    return "POST /tfa_code?agent_id=web-01 HTTP/1.1\r\nConnection: close\r\nX-Auth-Token: " +
-           token + "\r\nContent-Length: 16\r\n\r\n{\"random_num\":7}";
-}
 
 /// Writes nginx's main configuration around the shipped site, which is
 /// pointed at `listen`, the two instances and the test's certificates.
@@ -53,7 +68,7 @@ TEST(TwoInstances, ShareOneStateAndBehindNginxTheRequestsAndThrottleEachClientAp
 {
     TestSupport::TempDir dir;
     TestSupport::TestCertificates certificates(dir.Path());
-    const std::string url = NewPostgresDatabase();
+    const std::string url = brackmoor::verifyd::NewDatabase();
     ASSERT_TRUE(certificates.Ok() && !url.empty());
     const unsigned short ports[2] = {FreeLoopbackPort(), FreeLoopbackPort()};
     std::string configs[2];
@@ -76,19 +91,16 @@ TEST(TwoInstances, ShareOneStateAndBehindNginxTheRequestsAndThrottleEachClientAp
     const Poco::Net::Context::Ptr context = ClientContext(certificates.CaFile());
     const auto send = [&](unsigned short port, const std::string& request,
                           const std::string& from = "127.0.0.1") {
-        return RawClient(port, context, nullptr, from).Exchange(request);
+        return RawClient(port, context, from).Exchange(request);
     };
-    const Background first(VERIFYD_PROGRAM, {"--config", configs[0]});
-    const Background second(VERIFYD_PROGRAM, {"--config", configs[1]});
+    Background first(VERIFYD_PROGRAM, {"--config", configs[0]});
+    Background second(VERIFYD_PROGRAM, {"--config", configs[1]});
     for (const unsigned short port : ports) {
         ASSERT_TRUE(TestSupport::WaitFor(
             [&] { return StatusOf(send(port, RawList(token))) == 200; }, 20s));
     }
+    // That code counts are shared too, the database suite shows on this server.
     EXPECT_EQ(send(ports[1], RawList(token)), send(ports[0], RawList(token)));
-    for (const int instance : {0, 1, 0}) {
-        EXPECT_EQ(StatusOf(send(ports[instance], CodeRequest(token))), 200) << instance;
-    }
-    EXPECT_EQ(StatusOf(send(ports[1], CodeRequest(token))), 429) << "three codes a minute in all";
 
     const unsigned short port = FreeLoopbackPort();
     const std::string main = NginxConfig(dir, certificates.CaFile(), port, ports);
@@ -101,6 +113,8 @@ TEST(TwoInstances, ShareOneStateAndBehindNginxTheRequestsAndThrottleEachClientAp
     }
     EXPECT_EQ(StatusOf(send(port, RawList(token), "127.0.0.3")), 429);
     EXPECT_EQ(StatusOf(send(port, RawList(token), "127.0.0.2")), 200);
+    EXPECT_EQ(first.Stop(SIGTERM), 0) << "a clean stop";
+    EXPECT_EQ(second.Stop(SIGTERM), 0);
     for (const char* log : {"v0.log", "v1.log"}) {
         const std::string text = TestSupport::ReadWholeFile(dir.File(log));
         EXPECT_NE(text.find("status=401 latency_ms="), std::string::npos) << log << " takes its share";
@@ -110,14 +124,6 @@ TEST(TwoInstances, ShareOneStateAndBehindNginxTheRequestsAndThrottleEachClientAp
 
 } // namespace
 } // namespace verifyd_test
-
-namespace brackmoor::verifyd {
-// The database suite (DatabaseTest.cpp) runs on new databases of this server.
-std::string NewDatabase()
-{
-    return verifyd_test::NewPostgresDatabase();
-}
-} // namespace brackmoor::verifyd
 
 int main(int argc, char** argv)
 {

@@ -3,16 +3,16 @@
 #include <gtest/gtest.h>
 
 #include "ProgramRunner.h"
-#include "RawClient.h"
 #include "VerifydHarness.h"
 
 namespace verifyd_test {
 namespace {
 
-/// The binary on the fixture's files; the in-process service only holds its port.
+/// The binary on the fixture's files; the in-process service only holds its
+/// port. Serving is shown by the two instances behind nginx (PostgresTest).
 using TheProgram = ServiceTest;
 
-TEST_F(TheProgram, AdministersAgentsAndContactsAndServesUntilSigterm)
+TEST_F(TheProgram, AdministersAgentsAndContactsWithOneLineForEachRefusal)
 {
     const auto admin = [this](std::vector<std::string> args) {
         args.insert(args.begin(), {"--config", dir.File("verifyd.ini")});
@@ -49,25 +49,8 @@ TEST_F(TheProgram, AdministersAgentsAndContactsAndServesUntilSigterm)
     }
     const std::regex agents("web-01\t2\t\\S+Z\nweb-07\t1\t\\d{4}-\\d\\d-\\d\\dT[0-9:]{8}Z\n");
     EXPECT_TRUE(std::regex_match(admin({"agent", "list"}).out, agents)) << "never the token again";
-    const std::string hash = AgentSideHash("+4915112345678");
-    EXPECT_EQ(admin({"contact", "list", "web-07"}).out, "+4915112345678\tsms\t" + hash + "\n");
-
-    // From here on no ASSERT: the server must always be stopped.
-    const unsigned short port = FreeLoopbackPort();
-    Background server(VERIFYD_PROGRAM,
-                      {"--config", WriteConfig("serve.ini", port, "[log]\nfile = serve.log\n")});
-    const Poco::Net::Context::Ptr context = ClientContext(CaFile());
-    std::string answer;
-    EXPECT_TRUE(TestSupport::WaitFor(
-        [&] {
-            answer = RawClient(port, context).Exchange(RawList(added.out.substr(0, 64), "web-07"));
-            return StatusOf(answer) == 200;
-        },
-        std::chrono::seconds(20)));
-    EXPECT_NE(answer.find(hash), std::string::npos) << answer;
-    EXPECT_EQ(server.Stop(SIGTERM), 0);
-    EXPECT_NE(TestSupport::ReadWholeFile(dir.File("serve.log")).find("status=200"),
-              std::string::npos);
+    EXPECT_EQ(admin({"contact", "list", "web-07"}).out,
+              "+4915112345678\tsms\t" + AgentSideHash("+4915112345678") + "\n");
 }
 
 TEST_F(TheProgram, UsageConfigurationAndStartErrorsExitWith2AndOneLineAtOnce)
@@ -88,14 +71,12 @@ TEST_F(TheProgram, UsageConfigurationAndStartErrorsExitWith2AndOneLineAtOnce)
     const std::vector<std::vector<std::string>> cases = {
         {"--config", bad, "agent", "list"},
         {"--config", dir.File("absent.ini"), "agent", "list"},
-        {"--config", bad, "agent", "add"},
-        {"--config", bad, "frobnicate"},
+        {"--config", dir.File("verifyd.ini"), "frobnicate"},
         {"--no-such-option"},
         {"--config", foreignKey, "serve"},
         {"--config", noFolder, "serve"},
         {"--config", noFolder, "agent", "list"},
         {"--config", noServer, "serve"},
-        {"--config", noServer, "agent", "list"},
         {"--config", WriteConfig("busy.ini", Port(), ""), "serve"}, // the port is taken
     };
     for (const auto& args : cases) {

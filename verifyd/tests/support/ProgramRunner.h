@@ -2,12 +2,10 @@
 
 #include <signal.h>
 
-#include <chrono>
 #include <string>
 #include <vector>
 
 #include <Poco/Net/ServerSocket.h>
-#include <Poco/Pipe.h>
 #include <Poco/PipeStream.h>
 #include <Poco/Process.h>
 #include <Poco/StreamCopier.h>
@@ -18,8 +16,7 @@ namespace verifyd_test {
 
 struct Outcome {
     int status = -1;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 /// Runs the program's binary with `args` to its end and collects its output.
@@ -27,12 +24,10 @@ struct Outcome {
 inline Outcome Program(std::vector<std::string> args)
 {
     args.insert(args.begin(), {"-s", "KILL", "20", VERIFYD_PROGRAM});
-    Poco::Pipe out;
-    Poco::Pipe err;
+    Poco::Pipe out, err;
     Poco::ProcessHandle child = Poco::Process::launch("/usr/bin/timeout", args, nullptr, &out, &err);
     Outcome outcome;
-    Poco::PipeInputStream outStream(out);
-    Poco::PipeInputStream errStream(err);
+    Poco::PipeInputStream outStream(out), errStream(err);
     Poco::StreamCopier::copyToString(outStream, outcome.out);
     Poco::StreamCopier::copyToString(errStream, outcome.err);
     outcome.status = child.wait();

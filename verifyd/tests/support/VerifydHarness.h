@@ -33,10 +33,6 @@ struct Reply {
     Json::Value json; ///< the body parsed, null when it is not JSON
 };
 
-/// Contacts as the operator registered them, and as users type them at the login prompt.
-const std::vector<std::string> kRegistered = {"+49 151 1234-5678", "Alice@Example.org"};
-const std::vector<std::string> kTyped = {"0049 (151) 12345678", " alice@EXAMPLE.org"};
-
 /// The hash the agent computes for a contact a user typed: the PAM module
 /// normalises the text, the agent hashes it with the SDK.
 inline std::string AgentSideHash(const std::string& typed)
@@ -56,7 +52,8 @@ inline std::string CodeBody(int reference)
 
 /// A brackmoor-verifyd service in this process on 127.0.0.1 and a free port,
 /// with its own directory, throw-away certificates, database and outbox, and
-/// one agent, "web-01", with kRegistered. The agent's SDK
+/// one agent, "web-01", with a phone and a mail contact as an operator types
+/// them. The agent's SDK
 /// (Framework::ConfigManager) points at it, so that requests go through
 /// SDK::HttpUtils exactly as the agent sends them.
 class ServiceTest : public ::testing::Test {
@@ -66,9 +63,9 @@ protected:
 
     void SetUp() override
     {
+        ASSERT_TRUE(certificates.Ok()) << certificates.Error();
         brackmoor::verifyd::ServiceConfig config;
         std::string error;
-        ASSERT_TRUE(certificates.Ok()) << certificates.Error();
         ASSERT_TRUE(brackmoor::verifyd::LoadServiceConfig(WriteConfig("verifyd.ini", 0, extra),
                                                           config, error)) << error;
         service = brackmoor::verifyd::Service::Create(config, error);
@@ -77,7 +74,7 @@ protected:
         Framework::ConfigManager* agent = Framework::ConfigManager::GetInstance();
         agent->Set("service.address", "localhost:" + std::to_string(Port()));
         agent->Set("service.ca_file", certificates.CaFile());
-        token = AddAgent("web-01", kRegistered);
+        token = AddAgent("web-01", {"+49 151 1234-5678", "Alice@Example.org"});
         ASSERT_FALSE(token.empty());
     }
 
@@ -97,8 +94,7 @@ protected:
     /// through the administration command's code path; returns its token.
     std::string AddAgent(const std::string& id, const std::vector<std::string>& contacts)
     {
-        std::ostringstream out;
-        std::ostringstream err;
+        std::ostringstream out, err;
         brackmoor::verifyd::AdminCommand admin(service->Store(), out, err);
         bool added = admin.Run({"agent", "add", id}) == 0;
         for (const std::string& contact : contacts) {
@@ -125,8 +121,7 @@ protected:
 
     Reply List(const std::string& withToken = "")
     {
-        const std::string& presented = withToken.empty() ? token : withToken;
-        return Call("GET", "/tfa_phone_num", Agent(), {{"X-Auth-Token", presented}});
+        return Call("GET", "/tfa_phone_num", Agent(), {{"X-Auth-Token", withToken.empty() ? token : withToken}});
     }
     /// The code request exactly as the agent sends it.
     Reply RequestCode() { return Call("POST", "/tfa_code", Agent(), CodeHeaders(), CodeBody(4711)); }
