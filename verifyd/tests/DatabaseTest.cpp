@@ -29,7 +29,7 @@ std::unique_ptr<Database> Open(const std::string& location)
 }
 
 #ifndef VERIFYD_POSTGRES
-TEST(SqliteSchema, MigratesAVersion1FileInWalModeAndRefusesAFileFromANewerProgram)
+TEST(SqliteSchema, MigratesAVersion1FileAndRefusesAFileFromANewerProgram)
 {
     TestSupport::TempDir dir;
     const std::string path = dir.File("v.db");
@@ -51,11 +51,8 @@ TEST(SqliteSchema, MigratesAVersion1FileInWalModeAndRefusesAFileFromANewerProgra
 
     Poco::Data::Session session("SQLite", path);
     int version = -1;
-    std::string journal;
     session << "PRAGMA user_version", into(version), now;
-    session << "PRAGMA journal_mode", into(journal), now;
     EXPECT_EQ(version, kSchemaVersion);
-    EXPECT_EQ(journal, "wal");
 
     session << "PRAGMA user_version = " + std::to_string(kSchemaVersion + 1), now;
     EXPECT_FALSE(Database::Open(path, 2, error));

@@ -38,29 +38,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Writes nginx's main configuration around the shipped site, which is
-/// pointed at `listen`, the two instances and the test's certificates.
-std::string NginxConfig(const TestSupport::TempDir& dir, const std::string& caFile,
-                        unsigned short listen, const unsigned short (&ports)[2])
-{
-    std::ifstream file(VERIFYD_NGINX_CONFIG);
-    std::string site((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    for (const auto& [from, to] : std::map<std::string, std::string>{
-             {"listen 443", "listen 127.0.0.1:" + std::to_string(listen)},
-             {"127.0.0.1:8441", "127.0.0.1:" + std::to_string(ports[0])},
-             {"127.0.0.1:8442", "127.0.0.1:" + std::to_string(ports[1])},
-             {"/etc/opt/brackmoor/verifyd.crt", dir.File("server.pem")},
-             {"/etc/opt/brackmoor/verifyd.key", dir.File("server.key")},
-             {"/etc/opt/brackmoor/verifyd-ca.pem", caFile}}) {
-        EXPECT_NE(site.find(from), std::string::npos) << from;
-        site.replace(std::min(site.find(from), site.size()), from.size(), to);
-    }
-    return dir.Write("nginx.conf", "daemon off;\nmaster_process off;\npid " + dir.File("nginx.pid") +
-                                       ";\nerror_log " + dir.File("nginx.log") + ";\nevents {}\n"
-                                       "http {\naccess_log off;\ninclude " +
-                                       dir.Write("site.conf", site) + ";\n}\n");
-}
-
 /// Two instances of the program on one new database, each with its own port,
 /// outbox and log, 127.0.0.1 (nginx) as their trusted proxy and two failed
 /// authentications a minute per address, behind nginx with the shipped site.
@@ -102,9 +79,24 @@ TEST(TwoInstances, ShareOneStateAndBehindNginxTheRequestsAndThrottleEachClientAp
     // That code counts are shared too, the database suite shows on this server.
     EXPECT_EQ(send(ports[1], RawList(token)), send(ports[0], RawList(token)));
 
+    // nginx's main configuration around the shipped site, pointed at a new
+    // port, the two instances and the test's certificates.
     const unsigned short port = FreeLoopbackPort();
-    const std::string main = NginxConfig(dir, certificates.CaFile(), port, ports);
-    const Background nginx("/usr/sbin/nginx", {"-e", dir.File("nginx.log"), "-c", main});
+    std::ifstream file(VERIFYD_NGINX_CONFIG);
+    std::string site((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    for (const auto& [from, to] : std::map<std::string, std::string>{
+             {"listen 443", "listen 127.0.0.1:" + std::to_string(port)},
+             {"127.0.0.1:8441", "127.0.0.1:" + std::to_string(ports[0])},
+             {"127.0.0.1:8442", "127.0.0.1:" + std::to_string(ports[1])},
+             {"/etc/opt/brackmoor/verifyd.crt", dir.File("server.pem")},
+             {"/etc/opt/brackmoor/verifyd.key", dir.File("server.key")},
+             {"/etc/opt/brackmoor/verifyd-ca.pem", certificates.CaFile()}}) {
+        EXPECT_NE(site.find(from), std::string::npos) << from;
+        site.replace(std::min(site.find(from), site.size()), from.size(), to);
+    }
+    const Background nginx("/usr/sbin/nginx", {"-e", dir.File("nginx.log"), "-c", dir.Write("nginx.conf",
+        "daemon off;\nmaster_process off;\npid " + dir.File("nginx.pid") + ";\nerror_log " + dir.File("nginx.log") +
+        ";\nevents {}\nhttp {\naccess_log off;\ninclude " + dir.Write("site.conf", site) + ";\n}\n")});
     ASSERT_TRUE(TestSupport::WaitFor(
         [&] { return StatusOf(send(port, RawList(token), "127.0.0.2")) == 200; }, 20s))
         << TestSupport::ReadWholeFile(dir.File("nginx.log"));
