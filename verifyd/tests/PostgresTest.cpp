@@ -19,17 +19,14 @@ namespace brackmoor::verifyd {
 /// (DatabaseTest.cpp) runs on these too.
 std::string NewDatabase()
 {
-    const char* user = std::getenv("PGUSER");
-    const char* password = std::getenv("PGPASSWORD");
-    const char* host = std::getenv("PGHOST");
-    const char* port = std::getenv("PGPORT");
+    const auto env = [](const char* name) { return std::string(std::getenv(name) ? std::getenv(name) : ""); };
     static int databases = 0;
     const std::string database = "verifyd_" + std::to_string(++databases);
-    if (!user || !password || !host || !port ||
-        Poco::Process::launch("/usr/bin/createdb", {database}).wait() != 0) {
+    if (Poco::Process::launch("/usr/bin/createdb", {database}).wait() != 0) {
         return "";
     }
-    return std::string("postgresql://") + user + ":" + password + "@" + host + ":" + port + "/" + database;
+    return "postgresql://" + env("PGUSER") + ":" + env("PGPASSWORD") + "@" + env("PGHOST") + ":" + env("PGPORT") +
+           "/" + database;
 }
 } // namespace brackmoor::verifyd
 
@@ -51,12 +48,10 @@ TEST(TwoInstances, ShareOneStateAndBehindNginxTheRequestsAndThrottleEachClientAp
     std::string configs[2];
     for (const int i : {0, 1}) {
         const std::string n = std::to_string(i);
-        configs[i] = dir.Write("v" + n + ".ini",
-                               "[server]\nport = " + std::to_string(ports[i]) +
-                                   "\ntrusted_proxies = 127.0.0.1\n[tls]\ncertificate = "
-                                   "server.pem\nprivate_key = server.key\n[database]\nurl = " +
-                                   url + "\n[outbox]\ndirectory = outbox" + n + "\n[log]\n"
-                                   "file = v" + n + ".log\n[limits]\nauth_failures_per_minute = 2\n");
+        configs[i] = dir.Write("v" + n + ".ini", "[server]\nport = " + std::to_string(ports[i]) +
+            "\ntrusted_proxies = 127.0.0.1\n[tls]\ncertificate = server.pem\nprivate_key = server.key\n[database]\n"
+            "url = " + url + "\n[outbox]\ndirectory = outbox" + n + "\n[log]\nfile = v" + n + ".log\n[limits]\n"
+            "auth_failures_per_minute = 2\n");
     }
     // The agent through one instance's configuration, its contacts through the other's.
     const Outcome added = Program({"--config", configs[1], "agent", "add", "web-01"});
@@ -66,15 +61,13 @@ TEST(TwoInstances, ShareOneStateAndBehindNginxTheRequestsAndThrottleEachClientAp
     }
     const std::string token = added.out.substr(0, 64);
     const Poco::Net::Context::Ptr context = ClientContext(certificates.CaFile());
-    const auto send = [&](unsigned short port, const std::string& request,
-                          const std::string& from = "127.0.0.1") {
+    const auto send = [&](unsigned short port, const std::string& request, const std::string& from = "127.0.0.1") {
         return RawClient(port, context, from).Exchange(request);
     };
     Background first(VERIFYD_PROGRAM, {"--config", configs[0]});
     Background second(VERIFYD_PROGRAM, {"--config", configs[1]});
     for (const unsigned short port : ports) {
-        ASSERT_TRUE(TestSupport::WaitFor(
-            [&] { return StatusOf(send(port, RawList(token))) == 200; }, 20s));
+        ASSERT_TRUE(TestSupport::WaitFor([&] { return StatusOf(send(port, RawList(token))) == 200; }, 20s));
     }
     // That code counts are shared too, the database suite shows on this server.
     EXPECT_EQ(send(ports[1], RawList(token)), send(ports[0], RawList(token)));
@@ -97,8 +90,7 @@ TEST(TwoInstances, ShareOneStateAndBehindNginxTheRequestsAndThrottleEachClientAp
     const Background nginx("/usr/sbin/nginx", {"-e", dir.File("nginx.log"), "-c", dir.Write("nginx.conf",
         "daemon off;\nmaster_process off;\npid " + dir.File("nginx.pid") + ";\nerror_log " + dir.File("nginx.log") +
         ";\nevents {}\nhttp {\naccess_log off;\ninclude " + dir.Write("site.conf", site) + ";\n}\n")});
-    ASSERT_TRUE(TestSupport::WaitFor(
-        [&] { return StatusOf(send(port, RawList(token), "127.0.0.2")) == 200; }, 20s))
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return StatusOf(send(port, RawList(token), "127.0.0.2")) == 200; }, 20s))
         << TestSupport::ReadWholeFile(dir.File("nginx.log"));
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(StatusOf(send(port, RawList(token + "0"), "127.0.0.3")), 401);
@@ -120,8 +112,7 @@ TEST(TwoInstances, ShareOneStateAndBehindNginxTheRequestsAndThrottleEachClientAp
 int main(int argc, char** argv)
 {
     if (std::getenv("PGHOST") == nullptr) {
-        std::fputs("no PostgreSQL server: run this suite under pg_virtualenv (postgresql-common); "
-                   "skipping\n", stderr);
+        std::fputs("no PostgreSQL server: run this suite under pg_virtualenv (postgresql-common); skipping\n", stderr);
         return 77;
     }
     return TestSupport::RunSandboxedTests(argc, argv);

@@ -50,12 +50,10 @@ inline std::string CodeBody(int reference)
     return SDK::JsonUtils::JsonToString(body);
 }
 
-/// A brackmoor-verifyd service in this process on 127.0.0.1 and a free port,
-/// with its own directory, throw-away certificates, database and outbox, and
-/// one agent, "web-01", with a phone and a mail contact as an operator types
-/// them. The agent's SDK
-/// (Framework::ConfigManager) points at it, so that requests go through
-/// SDK::HttpUtils exactly as the agent sends them.
+/// A brackmoor-verifyd service in this process on 127.0.0.1 and a free port, with its own directory,
+/// throw-away certificates, database and outbox, and one agent, "web-01", with a phone and a mail contact
+/// as an operator types them. The agent's SDK (Framework::ConfigManager) points at it, so that requests
+/// go through SDK::HttpUtils exactly as the agent sends them.
 class ServiceTest : public ::testing::Test {
 protected:
     /// `extraConfig` is appended to the INI file, for instance "[sms]\ncommand = hook.sh\n".
@@ -66,8 +64,7 @@ protected:
         ASSERT_TRUE(certificates.Ok()) << certificates.Error();
         brackmoor::verifyd::ServiceConfig config;
         std::string error;
-        ASSERT_TRUE(brackmoor::verifyd::LoadServiceConfig(WriteConfig("verifyd.ini", 0, extra),
-                                                          config, error)) << error;
+        ASSERT_TRUE(brackmoor::verifyd::LoadServiceConfig(WriteConfig("verifyd.ini", 0, extra), config, error)) << error;
         service = brackmoor::verifyd::Service::Create(config, error);
         ASSERT_TRUE(service) << error;
         service->Start();
@@ -80,8 +77,7 @@ protected:
 
     /// Writes a configuration for this directory's certificates, database and
     /// outbox, listening on `port`, followed by `more`; returns its path.
-    std::string WriteConfig(const std::string& name, unsigned short port,
-                            const std::string& more) const
+    std::string WriteConfig(const std::string& name, unsigned short port, const std::string& more) const
     {
         return dir.Write(name, "[server]\nport = " + std::to_string(port) + "\nthreads = 8\n"
                                "[tls]\ncertificate = server.pem\nprivate_key = server.key\n"
@@ -104,15 +100,14 @@ protected:
     }
 
     /// `method` ("GET" or "POST") "https://SERVICE_ADDRESS<path>" through SDK::HttpUtils.
-    Reply Call(const std::string& method, const std::string& path, const Params& params,
-               const Params& headers, const std::string& body = "")
+    Reply Call(const std::string& method, const std::string& path, const Params& params, const Params& headers,
+               const std::string& body = "")
     {
         SDK::HttpUtils* http = SDK::HttpUtils::GetInstance();
         const std::string url = "https://SERVICE_ADDRESS" + path;
         Reply reply;
-        reply.status = method == "GET"
-                           ? http->Get(url, params, headers, reply.headers, reply.body, 200)
-                           : http->Post(url, params, headers, body, reply.headers, reply.body, 200);
+        reply.status = method == "GET" ? http->Get(url, params, headers, reply.headers, reply.body, 200)
+                                       : http->Post(url, params, headers, body, reply.headers, reply.body, 200);
         if (SDK::JsonUtils::ParseJsonStr(reply.body.data(), reply.body.size(), reply.json) != 0) {
             reply.json = Json::Value();
         }
@@ -126,10 +121,7 @@ protected:
     /// The code request exactly as the agent sends it.
     Reply RequestCode() { return Call("POST", "/tfa_code", Agent(), CodeHeaders(), CodeBody(4711)); }
     static Params Agent(const std::string& id = "web-01") { return {{"agent_id", id}}; }
-    Params CodeHeaders() const
-    {
-        return {{"X-Auth-Token", token}, {"Content-Type", "application/json"}};
-    }
+    Params CodeHeaders() const { return {{"X-Auth-Token", token}, {"Content-Type", "application/json"}}; }
 
     /// The outbox messages, oldest first.
     std::vector<std::string> OutboxMessages() const
