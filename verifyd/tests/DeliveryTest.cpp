@@ -28,15 +28,14 @@ TEST(SmsHook, GetsNumberAndTextAsTwoArgumentsWithoutAShellOrTheServicesDescripto
 {
     TestSupport::TempDir dir;
     const std::string pwned = dir.File("pwned");
-    const int leaked = ::dup2(STDIN_FILENO, 77); // deliberately without O_CLOEXEC
-    ASSERT_EQ(leaked, 77);
+    ASSERT_EQ(::dup2(STDIN_FILENO, 77), 77); // deliberately without O_CLOEXEC
     const std::string script = "#!/bin/sh\nprintf '%s|' \"$#\" \"$1\" \"$2\" > " + dir.File("args") +
                                "\nls /proc/$$/fd > " + dir.File("fds") + "\n";
     SmsHookChannel hook(dir.Write("hook.sh", script, 0755), seconds(10));
     const std::string hostile = "code 042137; $(touch " + pwned + ") `touch " + pwned + "` 'q' \"d\"";
     std::string error;
     EXPECT_TRUE(hook.Deliver({Message::Kind::Phone, "+4915112345678", hostile}, error)) << error;
-    ::close(leaked);
+    ::close(77);
     EXPECT_EQ(ReadWholeFile(dir.File("args")), "2|+4915112345678|" + hostile + "|");
     EXPECT_FALSE(Poco::File(pwned).exists());
     const std::string fds = ReadWholeFile(dir.File("fds"));
@@ -108,9 +107,8 @@ TEST(Courier, SendsMailToTheRelayAndPhonesToAPrivateOutbox)
     std::string error;
     Poco::Net::ServerSocket relay(Poco::Net::SocketAddress("127.0.0.1", 0));
     std::future<std::string> session = RelayOnce(relay);
-    Courier courier(OutboxChannel::Create(outbox, error),
-                    std::make_unique<SmtpChannel>("127.0.0.1", relay.address().port(), "otp@brackmoor.test", seconds(5)),
-                    nullptr);
+    auto smtp = std::make_unique<SmtpChannel>("127.0.0.1", relay.address().port(), "otp@brackmoor.test", seconds(5));
+    Courier courier(OutboxChannel::Create(outbox, error), std::move(smtp), nullptr);
     ASSERT_TRUE(courier.DeliverToAll("web-01", {"+4915112345678", "alice@example.org"}, kText));
     const std::string transcript = session.get();
     EXPECT_NE(transcript.find("MAIL FROM:<otp@brackmoor.test>\r\n"), std::string::npos) << transcript;

@@ -44,14 +44,11 @@ TEST_F(HttpsApi, ListAndCodeCarryTheAgentSideHashesAndTheCodeGoesToEveryContact)
 
 TEST_F(HttpsApi, RefusalsCarryTheirStatusAndAJsonErrorAndDeliverNothing)
 {
-    const Params lonely{{"X-Auth-Token", AddAgent("web-02", {})}};
     const Params auth{{"X-Auth-Token", token}};
     const struct {
-        const char* what;
-        const char* method;
+        const char *what, *method;
         std::string path;
-        Params params;
-        Params headers;
+        Params params, headers;
         std::string body;
         int status;
     } cases[] = {
@@ -59,17 +56,15 @@ TEST_F(HttpsApi, RefusalsCarryTheirStatusAndAJsonErrorAndDeliverNothing)
         {"empty agent_id", "GET", "/tfa_phone_num", Agent(""), auth, "", 400},
         {"body not JSON", "POST", "/tfa_code", Agent(), CodeHeaders(), "random_num=4711", 400},
         {"body not an object", "POST", "/tfa_code", Agent(), CodeHeaders(), "[4711]", 400},
-        {"random_num a string", "POST", "/tfa_code", Agent(), CodeHeaders(), R"({"random_num":"4711"})", 400},
         {"random_num a fraction", "POST", "/tfa_code", Agent(), CodeHeaders(), R"({"random_num":47.5})", 400},
         {"random_num missing", "POST", "/tfa_code", Agent(), CodeHeaders(), "{}", 400},
         {"unknown agent", "GET", "/tfa_phone_num", Agent("web-99"), auth, "", 401},
         {"no token", "GET", "/tfa_phone_num", Agent(), {}, "", 401},
         {"wrong token", "POST", "/tfa_code", Agent(), {{"X-Auth-Token", token + "0"}}, CodeBody(1), 401},
         {"unknown path", "GET", "/tfa_phone_numbers", Agent(), auth, "", 404},
-        {"list by POST", "POST", "/tfa_phone_num", Agent(), auth, CodeBody(1), 405},
         {"code by GET", "GET", "/tfa_code", Agent(), auth, "", 405},
-        {"list without contacts", "GET", "/tfa_phone_num", Agent("web-02"), lonely, "", 409},
-        {"code without contacts", "POST", "/tfa_code", Agent("web-02"), lonely, CodeBody(1), 409},
+        {"no contacts", "POST", "/tfa_code", Agent("web-02"), {{"X-Auth-Token", AddAgent("web-02", {})}}, CodeBody(1),
+         409},
     };
     for (const auto& c : cases) {
         const Reply reply = Call(c.method, c.path, c.params, c.headers, c.body);
@@ -106,8 +101,8 @@ TEST_F(HttpsApi, TheLogNamesEveryRequestAndAThrottledAddressOnceButNeverACodeOrA
     for (const Poco::Message& message : capture->Messages()) {
         EXPECT_EQ(message.getText().find(token), std::string::npos) << message.getText();
         EXPECT_EQ(message.getText().find(code), std::string::npos) << message.getText();
-        throttled += message.getText() ==
-                     "throttling 127.0.0.1: too many failed authentications; 1 request(s) refused since the last report";
+        throttled += message.getText() == "throttling 127.0.0.1: too many failed authentications; "
+                                          "1 request(s) refused since the last report";
     }
     EXPECT_EQ(throttled, 1);
     Poco::Logger::setLevel("verifyd", Poco::Message::PRIO_FATAL);
@@ -144,13 +139,15 @@ TEST_F(HttpsApi, AnUnknownAgentTakesAsLongAsAWrongToken)
     ADD_FAILURE() << "unknown agent " << medians[0] << " us, wrong token " << medians[1] << " us";
 }
 
-/// The service with an SMS hook that fails: phones go to the hook, mail to the outbox.
-class FailingSmsHook : public ServiceTest {
+/// Two request threads, two seconds per request, four connections per address, and an SMS hook
+/// (phones go to it, mail to the outbox) that a test writes.
+class Constrained : public ServiceTest {
 protected:
-    FailingSmsHook() : ServiceTest("[sms]\ncommand = hook.sh\ntimeout = 5\n") {}
+    Constrained() : ServiceTest("[server]\nthreads = 2\nrequest_timeout = 2\nconnections_per_client = 4\n"
+                                "[sms]\ncommand = hook.sh\ntimeout = 5\n") {}
 };
 
-TEST_F(FailingSmsHook, MeansNoCodeAnd502AndNoFurtherMessage)
+TEST_F(Constrained, AFailingSmsHookMeansNoCodeAnd502AndNoFurtherMessage)
 {
     dir.Write("hook.sh", "#!/bin/sh\nexit 1\n", 0755);
     const Reply failed = RequestCode();
@@ -166,24 +163,17 @@ bool ClosedWithin(Poco::Net::StreamSocket& socket, milliseconds wait)
 {
     char buffer[1024];
     try {
-        while (socket.poll(Poco::Timespan(wait.count() * 1000), Poco::Net::Socket::SELECT_READ)) {
-            if (socket.receiveBytes(buffer, sizeof buffer) <= 0) {
-                return true;
-            }
+        int got = 1;
+        while (got > 0 && socket.poll(Poco::Timespan(wait.count() * 1000), Poco::Net::Socket::SELECT_READ)) {
+            got = socket.receiveBytes(buffer, sizeof buffer);
         }
-        return false;
+        return got <= 0;
     } catch (const Poco::Exception&) {
         return true; // a reset: closed all the same
     }
 }
 
-/// Two request threads, two seconds per request, four connections per address.
-class HeldConnections : public ServiceTest {
-protected:
-    HeldConnections() : ServiceTest("[server]\nthreads = 2\nrequest_timeout = 2\nconnections_per_client = 4\n") {}
-};
-
-TEST_F(HeldConnections, NeitherStopTheServiceNorOutliveTheirDeadline)
+TEST_F(Constrained, HeldConnectionsNeitherStopTheServiceNorOutliveTheirDeadline)
 {
     std::vector<Poco::Net::StreamSocket> idle; // TCP, not even TLS
     std::vector<std::unique_ptr<RawClient>> slow;

@@ -12,11 +12,9 @@
 #include "TestSupport/TestCertificates.h"
 
 namespace brackmoor::verifyd {
-/// A new, empty database on the throw-away PostgreSQL server that Debian's
-/// pg_virtualenv starts for a run and describes in PGHOST, PGPORT, PGUSER and
-/// PGPASSWORD: its URL, as database.url takes it; "" when there is no such
-/// server or the database cannot be made. The database suite
-/// (DatabaseTest.cpp) runs on these too.
+/// A new, empty database on the throw-away PostgreSQL server that pg_virtualenv starts for the run and
+/// describes in PGHOST, PGPORT, PGUSER and PGPASSWORD: its URL, as database.url takes it; "" when it cannot
+/// be made. The database suite (DatabaseTest.cpp) runs on these too.
 std::string NewDatabase()
 {
     const auto env = [](const char* name) { return std::string(std::getenv(name) ? std::getenv(name) : ""); };

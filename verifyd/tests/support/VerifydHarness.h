@@ -64,7 +64,8 @@ protected:
         ASSERT_TRUE(certificates.Ok()) << certificates.Error();
         brackmoor::verifyd::ServiceConfig config;
         std::string error;
-        ASSERT_TRUE(brackmoor::verifyd::LoadServiceConfig(WriteConfig("verifyd.ini", 0, extra), config, error)) << error;
+        ASSERT_TRUE(brackmoor::verifyd::LoadServiceConfig(WriteConfig("verifyd.ini", 0, extra), config, error))
+            << error;
         service = brackmoor::verifyd::Service::Create(config, error);
         ASSERT_TRUE(service) << error;
         service->Start();
