@@ -3,22 +3,29 @@
 #include <gtest/gtest.h>
 
 #include "ProgramRunner.h"
-#include "RawClient.h"
 #include "VerifydHarness.h"
 
 namespace verifyd_test {
 namespace {
 
-/// The binary on the fixture's files; the in-process service only holds its port.
+/// The binary on the fixture's files; the in-process service only holds its
+/// port. Serving is shown by the two instances behind nginx (PostgresTest).
 using TheProgram = ServiceTest;
 
-TEST_F(TheProgram, AdministersAgentsAndContactsAndServesUntilSigterm)
+TEST_F(TheProgram, AdministersAgentsAndContactsAndEndsEveryRunWithItsStatusAndOneLineAtOnce)
 {
-    const auto admin = [this](std::vector<std::string> args) {
-        args.insert(args.begin(), {"--config", dir.File("verifyd.ini")});
-        return Program(args);
+    TestSupport::TestCertificates other(dir.Path(), "other-");
+    ASSERT_TRUE(other.Ok());
+    const auto config = [this](const std::string& name, const std::string& key, const std::string& database) {
+        return dir.Write(name, "[server]\nport = 0\n[tls]\ncertificate = server.pem\nprivate_key = " + key +
+                               "\n[database]\n" + database + "\n[outbox]\ndirectory = outbox\n");
     };
-    const Outcome added = admin({"agent", "add", "web-07"});
+    const std::string ini = dir.File("verifyd.ini");
+    const std::string bad = dir.Write("bad.ini", "[server]\nprot = 1\n");
+    const std::string foreignKey = config("key.ini", "other-server.key", "path = v.db");
+    const std::string noFolder = config("folder.ini", "server.key", "path = absent/v.db");
+    const std::string noServer = config("pg.ini", "server.key", "url = postgresql://verifyd@127.0.0.1:1/verifyd");
+    const Outcome added = Program({"--config", ini, "agent", "add", "web-07"});
     ASSERT_EQ(added.status, 0) << added.err;
     ASSERT_TRUE(std::regex_match(added.out, std::regex("[0-9a-f]{64}\n"))) << added.out;
 
@@ -26,86 +33,42 @@ TEST_F(TheProgram, AdministersAgentsAndContactsAndServesUntilSigterm)
         std::vector<std::string> args;
         int status;
     } cases[] = {
-        {{"agent", "add", "web-07"}, 1}, // ids are unique
-        {{"agent", "add", "bad id"}, 1},
-        {{"contact", "add", "web-07", "+49 151 1234-5678"}, 0},
-        {{"contact", "add", "web-07", "0049 (151) 12345678"}, 1}, // the same number again
-        {{"contact", "add", "web-07", "Bob@Example.ORG"}, 0},
-        {{"contact", "add", "web-07", "12345678"}, 1},            // no country code
-        {{"contact", "add", "web-07", "+0151123456"}, 1},         // country code 0
-        {{"contact", "add", "web-07", "+1234567"}, 1},            // 7 digits
-        {{"contact", "add", "web-07", "+1234567890123456"}, 1},   // 16 digits
-        {{"contact", "add", "web-07", "+49151abc4567"}, 1},
-        {{"contact", "add", "web-07", "bob@example"}, 1},
-        {{"contact", "add", "web-07", "bob@@example.org"}, 1},
-        {{"contact", "remove", "web-07", "BOB@example.org"}, 0},
-        {{"contact", "remove", "web-07", "bob@example.org"}, 1}, // gone: nothing to remove
+        {{"--config", ini, "agent", "add", "web-07"}, 1}, // ids are unique
+        {{"--config", ini, "agent", "add", "bad id"}, 1},
+        {{"--config", ini, "contact", "add", "web-07", "+49 151 1234-5678"}, 0},
+        {{"--config", ini, "contact", "add", "web-07", "0049 (151) 12345678"}, 1}, // the same number again
+        {{"--config", ini, "contact", "add", "web-07", "Bob@Example.ORG"}, 0},
+        {{"--config", ini, "contact", "add", "web-07", "12345678"}, 1},            // no country code
+        {{"--config", ini, "contact", "add", "web-07", "+0151123456"}, 1},         // country code 0
+        {{"--config", ini, "contact", "add", "web-07", "+1234567"}, 1},            // 7 digits
+        {{"--config", ini, "contact", "add", "web-07", "+1234567890123456"}, 1},   // 16 digits
+        {{"--config", ini, "contact", "add", "web-07", "+49151abc4567"}, 1},
+        {{"--config", ini, "contact", "add", "web-07", "bob@example"}, 1},
+        {{"--config", ini, "contact", "add", "web-07", "bob@@example.org"}, 1},
+        {{"--config", ini, "contact", "remove", "web-07", "BOB@example.org"}, 0},
+        {{"--config", ini, "contact", "remove", "web-07", "bob@example.org"}, 1}, // gone: nothing to remove
+        // Usage, configuration and start errors: 2.
+        {{"--config", bad, "agent", "list"}, 2},
+        {{"--config", ini, "frobnicate"}, 2},
+        {{"--no-such-option"}, 2},
+        {{"--config", foreignKey, "serve"}, 2},
+        {{"--config", noFolder, "serve"}, 2},
+        {{"--config", noFolder, "agent", "list"}, 2},
+        {{"--config", noServer, "serve"}, 2},
+        {{"--config", WriteConfig("busy.ini", Port(), ""), "serve"}, 2}, // the port is taken
     };
     for (const auto& c : cases) {
-        const Outcome outcome = admin(c.args);
-        EXPECT_EQ(outcome.status, c.status) << c.args.back() << ": " << outcome.err;
-        EXPECT_TRUE(std::regex_match(outcome.err, std::regex("brackmoor-verifyd: [^\n]+\n")))
-            << c.args.back() << ": " << outcome.err;
+        const auto start = std::chrono::steady_clock::now();
+        const Outcome outcome = Program(c.args);
+        const std::string row = c.args[1] + " " + c.args.back() + ": " + outcome.err;
+        EXPECT_EQ(outcome.status, c.status) << row;
+        EXPECT_TRUE(std::regex_match(outcome.err, std::regex("brackmoor-verifyd: [^\n]+\n"))) << row;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << row;
     }
     const std::regex agents("web-01\t2\t\\S+Z\nweb-07\t1\t\\d{4}-\\d\\d-\\d\\dT[0-9:]{8}Z\n");
-    EXPECT_TRUE(std::regex_match(admin({"agent", "list"}).out, agents)) << "never the token again";
-    const std::string hash = AgentSideHash("+4915112345678");
-    EXPECT_EQ(admin({"contact", "list", "web-07"}).out, "+4915112345678\tsms\t" + hash + "\n");
-
-    // From here on no ASSERT: the server must always be stopped.
-    const unsigned short port = FreeLoopbackPort();
-    Background server(VERIFYD_PROGRAM,
-                      {"--config", WriteConfig("serve.ini", port, "[log]\nfile = serve.log\n")});
-    const Poco::Net::Context::Ptr context = ClientContext(CaFile());
-    std::string answer;
-    EXPECT_TRUE(TestSupport::WaitFor(
-        [&] {
-            answer = RawClient(port, context).Exchange(RawList(added.out.substr(0, 64), "web-07"));
-            return StatusOf(answer) == 200;
-        },
-        std::chrono::seconds(20)));
-    EXPECT_NE(answer.find(hash), std::string::npos) << answer;
-    EXPECT_EQ(server.Stop(SIGTERM), 0);
-    EXPECT_NE(TestSupport::ReadWholeFile(dir.File("serve.log")).find("status=200"),
-              std::string::npos);
-}
-
-TEST_F(TheProgram, UsageConfigurationAndStartErrorsExitWith2AndOneLineAtOnce)
-{
-    TestSupport::TestCertificates other(dir.Path(), "other-");
-    ASSERT_TRUE(other.Ok());
-    const auto config = [this](const std::string& name, const std::string& key,
-                               const std::string& database) {
-        return dir.Write(name, "[server]\nport = 0\n[tls]\ncertificate = server.pem\n"
-                               "private_key = " + key + "\n[database]\n" + database +
-                                   "\n[outbox]\ndirectory = outbox\n");
-    };
-    const std::string bad = dir.Write("bad.ini", "[server]\nprot = 1\n");
-    const std::string foreignKey = config("key.ini", "other-server.key", "path = v.db");
-    const std::string noFolder = config("folder.ini", "server.key", "path = absent/v.db");
-    const std::string noServer =
-        config("pg.ini", "server.key", "url = postgresql://verifyd@127.0.0.1:1/verifyd");
-    const std::vector<std::vector<std::string>> cases = {
-        {"--config", bad, "agent", "list"},
-        {"--config", dir.File("absent.ini"), "agent", "list"},
-        {"--config", bad, "agent", "add"},
-        {"--config", bad, "frobnicate"},
-        {"--no-such-option"},
-        {"--config", foreignKey, "serve"},
-        {"--config", noFolder, "serve"},
-        {"--config", noFolder, "agent", "list"},
-        {"--config", noServer, "serve"},
-        {"--config", noServer, "agent", "list"},
-        {"--config", WriteConfig("busy.ini", Port(), ""), "serve"}, // the port is taken
-    };
-    for (const auto& args : cases) {
-        const auto start = std::chrono::steady_clock::now();
-        const Outcome outcome = Program(args);
-        EXPECT_EQ(outcome.status, 2) << args[1] << " " << args.back() << ": " << outcome.err;
-        EXPECT_TRUE(std::regex_match(outcome.err, std::regex("brackmoor-verifyd: [^\n]+\n")))
-            << outcome.err;
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << args[1];
-    }
+    EXPECT_TRUE(std::regex_match(Program({"--config", ini, "agent", "list"}).out, agents)) << "never the token again";
+    EXPECT_EQ(Program({"--config", ini, "contact", "list", "web-07"}).out,
+              "+4915112345678\tsms\t" + AgentSideHash("+4915112345678") + "\n");
 }
 
 } // namespace

@@ -33,10 +33,6 @@ struct Reply {
     Json::Value json; ///< the body parsed, null when it is not JSON
 };
 
-/// Contacts as the operator registered them, and as users type them at the login prompt.
-const std::vector<std::string> kRegistered = {"+49 151 1234-5678", "Alice@Example.org"};
-const std::vector<std::string> kTyped = {"0049 (151) 12345678", " alice@EXAMPLE.org"};
-
 /// The hash the agent computes for a contact a user typed: the PAM module
 /// normalises the text, the agent hashes it with the SDK.
 inline std::string AgentSideHash(const std::string& typed)
@@ -54,11 +50,10 @@ inline std::string CodeBody(int reference)
     return SDK::JsonUtils::JsonToString(body);
 }
 
-/// A brackmoor-verifyd service in this process on 127.0.0.1 and a free port,
-/// with its own directory, throw-away certificates, database and outbox, and
-/// one agent, "web-01", with kRegistered. The agent's SDK
-/// (Framework::ConfigManager) points at it, so that requests go through
-/// SDK::HttpUtils exactly as the agent sends them.
+/// A brackmoor-verifyd service in this process on 127.0.0.1 and a free port, with its own directory,
+/// throw-away certificates, database and outbox, and one agent, "web-01", with a phone and a mail contact
+/// as an operator types them. The agent's SDK (Framework::ConfigManager) points at it, so that requests
+/// go through SDK::HttpUtils exactly as the agent sends them.
 class ServiceTest : public ::testing::Test {
 protected:
     /// `extraConfig` is appended to the INI file, for instance "[sms]\ncommand = hook.sh\n".
@@ -66,25 +61,24 @@ protected:
 
     void SetUp() override
     {
+        ASSERT_TRUE(certificates.Ok()) << certificates.Error();
         brackmoor::verifyd::ServiceConfig config;
         std::string error;
-        ASSERT_TRUE(certificates.Ok()) << certificates.Error();
-        ASSERT_TRUE(brackmoor::verifyd::LoadServiceConfig(WriteConfig("verifyd.ini", 0, extra),
-                                                          config, error)) << error;
+        ASSERT_TRUE(brackmoor::verifyd::LoadServiceConfig(WriteConfig("verifyd.ini", 0, extra), config, error))
+            << error;
         service = brackmoor::verifyd::Service::Create(config, error);
         ASSERT_TRUE(service) << error;
         service->Start();
         Framework::ConfigManager* agent = Framework::ConfigManager::GetInstance();
         agent->Set("service.address", "localhost:" + std::to_string(Port()));
         agent->Set("service.ca_file", certificates.CaFile());
-        token = AddAgent("web-01", kRegistered);
+        token = AddAgent("web-01", {"+49 151 1234-5678", "Alice@Example.org"});
         ASSERT_FALSE(token.empty());
     }
 
     /// Writes a configuration for this directory's certificates, database and
     /// outbox, listening on `port`, followed by `more`; returns its path.
-    std::string WriteConfig(const std::string& name, unsigned short port,
-                            const std::string& more) const
+    std::string WriteConfig(const std::string& name, unsigned short port, const std::string& more) const
     {
         return dir.Write(name, "[server]\nport = " + std::to_string(port) + "\nthreads = 8\n"
                                "[tls]\ncertificate = server.pem\nprivate_key = server.key\n"
@@ -97,8 +91,7 @@ protected:
     /// through the administration command's code path; returns its token.
     std::string AddAgent(const std::string& id, const std::vector<std::string>& contacts)
     {
-        std::ostringstream out;
-        std::ostringstream err;
+        std::ostringstream out, err;
         brackmoor::verifyd::AdminCommand admin(service->Store(), out, err);
         bool added = admin.Run({"agent", "add", id}) == 0;
         for (const std::string& contact : contacts) {
@@ -108,15 +101,14 @@ protected:
     }
 
     /// `method` ("GET" or "POST") "https://SERVICE_ADDRESS<path>" through SDK::HttpUtils.
-    Reply Call(const std::string& method, const std::string& path, const Params& params,
-               const Params& headers, const std::string& body = "")
+    Reply Call(const std::string& method, const std::string& path, const Params& params, const Params& headers,
+               const std::string& body = "")
     {
         SDK::HttpUtils* http = SDK::HttpUtils::GetInstance();
         const std::string url = "https://SERVICE_ADDRESS" + path;
         Reply reply;
-        reply.status = method == "GET"
-                           ? http->Get(url, params, headers, reply.headers, reply.body, 200)
-                           : http->Post(url, params, headers, body, reply.headers, reply.body, 200);
+        reply.status = method == "GET" ? http->Get(url, params, headers, reply.headers, reply.body, 200)
+                                       : http->Post(url, params, headers, body, reply.headers, reply.body, 200);
         if (SDK::JsonUtils::ParseJsonStr(reply.body.data(), reply.body.size(), reply.json) != 0) {
             reply.json = Json::Value();
         }
@@ -125,16 +117,12 @@ protected:
 
     Reply List(const std::string& withToken = "")
     {
-        const std::string& presented = withToken.empty() ? token : withToken;
-        return Call("GET", "/tfa_phone_num", Agent(), {{"X-Auth-Token", presented}});
+        return Call("GET", "/tfa_phone_num", Agent(), {{"X-Auth-Token", withToken.empty() ? token : withToken}});
     }
     /// The code request exactly as the agent sends it.
     Reply RequestCode() { return Call("POST", "/tfa_code", Agent(), CodeHeaders(), CodeBody(4711)); }
     static Params Agent(const std::string& id = "web-01") { return {{"agent_id", id}}; }
-    Params CodeHeaders() const
-    {
-        return {{"X-Auth-Token", token}, {"Content-Type", "application/json"}};
-    }
+    Params CodeHeaders() const { return {{"X-Auth-Token", token}, {"Content-Type", "application/json"}}; }
 
     /// The outbox messages, oldest first.
     std::vector<std::string> OutboxMessages() const
