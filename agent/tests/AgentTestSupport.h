@@ -1,26 +1,23 @@
 #pragma once
-// Support of the agent's suites: the test modules, files, configurations, and
-// the agent binary run as a child process.
+// Support of the agent's suites: files, configurations, the agent binary run as a child process.
 #include <fcntl.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 
 #include <gmock/gmock.h>
+#include <sstream>
 
+#include "CommandLine.h"
 #include "TestSupport/TempDir.h"
 #include "TestSupport/WaitFor.h"
+#include "status/StatusCommand.h"
 
 namespace AgentTest {
 
 using TestSupport::ReadWholeFile;
-
-/// The library of one test module variant (see TestModule.cpp), as built.
-inline std::string TestModule(const std::string& variant)
-{
-    return BRACKMOOR_TEST_MODULE_DIR "/libagent_test_module_" + variant + ".so";
-}
 
 /// Writes `content` to `path` with `mode`, creating the parent directories.
 inline void WriteFile(const std::string& path, const std::string& content, unsigned int mode = 0644)
@@ -37,9 +34,8 @@ inline bool Eventually(const std::string& path, const std::string& text)
     return TestSupport::WaitFor(found, std::chrono::seconds(30));
 }
 
-/// A complete agent configuration with its files in `dir` and one feed,
-/// [policy.tfa] from `dir`/tfa.json to `module`; `agentLine` is the third
-/// line of [agent], where the modules are.
+/// A complete agent configuration with its files in `dir` and one feed, [policy.tfa] from `dir`/tfa.json
+/// to `module`; `agentLine` is the third line of [agent], where the modules are.
 inline std::string ConfigText(const std::string& dir, const std::string& agentLine, const std::string& module,
                               const std::string& feature)
 {
@@ -49,9 +45,8 @@ inline std::string ConfigText(const std::string& dir, const std::string& agentLi
            dir + "/tfa.json\nmodule = " + module + "\ncallback = 10001\nfeature = " + feature + "\n";
 }
 
-/// brackmoor-agent started with `args` and the test's environment, its
-/// standard output and error kept in files of `dir`; killed and reaped if
-/// still running when destroyed.
+/// brackmoor-agent started with `args` and the test's environment, its standard output and error
+/// kept in files of `dir`; killed and reaped if still running when destroyed.
 class AgentProcess {
 public:
     AgentProcess(std::vector<std::string> args, const std::string& dir)
@@ -59,13 +54,10 @@ public:
     {
         args.insert(args.begin(), BRACKMOOR_AGENT_BINARY);
         std::vector<char*> argv;
-        for (std::string& arg : args) {
-            argv.push_back(arg.data());
-        }
+        std::transform(args.begin(), args.end(), std::back_inserter(argv), [](std::string& a) { return a.data(); });
         argv.push_back(nullptr);
         if ((pid = fork()) == 0) {
-            // Only async-signal-safe calls here. The agent starts with a clean
-            // signal mask whatever the test runner blocks.
+            // Only async-signal-safe calls here. The agent starts with a clean signal mask.
             sigset_t none;
             sigemptyset(&none);
             sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -77,19 +69,10 @@ public:
             _exit(127);
         }
     }
-    ~AgentProcess()
-    {
-        Signal(SIGKILL);
-        Wait(std::chrono::seconds(30));
-    }
+    ~AgentProcess() { Signal(SIGKILL); Wait(std::chrono::seconds(30)); }
 
     pid_t Pid() const { return pid; }
-    void Signal(int number) const
-    {
-        if (status == kRunning) {
-            kill(pid, number);
-        }
-    }
+    void Signal(int number) const { if (status == kRunning) { kill(pid, number); } }
     /// Its exit status once it exits within `timeout`; -1 while it runs or when a signal ended it.
     int Wait(std::chrono::milliseconds timeout)
     {
@@ -113,8 +96,19 @@ private:
     int status = kRunning;
 };
 
-/// Runs the agent to its end: exit status (-1 when it did not end within 30
-/// seconds), standard output and error.
+/// The status command on the tree `root` with `sshd`, for `user`'s connection if named: exit status and output.
+inline std::pair<int, std::string> RunStatus(const std::string& root, const std::string& sshd, std::string user = "")
+{
+    std::vector<std::string> args = {"status", "--root", root, "--sshd", sshd};
+    if (!user.empty()) {
+        args.insert(args.end(), {"--user", user});
+    }
+    std::ostringstream out;
+    const int status = Agent::StatusCommand::Run(Agent::CommandLine::Parse(args), out);
+    return {status, out.str()};
+}
+
+/// Runs the agent to its end: exit status (-1 when it did not end within 30 s), standard output and error.
 inline std::tuple<int, std::string, std::string> RunAgent(const std::vector<std::string>& args, const std::string& dir)
 {
     AgentProcess process(args, dir);

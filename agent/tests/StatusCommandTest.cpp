@@ -1,12 +1,7 @@
-// The status command on prepared system trees (--root) with a stand-in sshd:
-// in force only when every part is, and each way of not being in force is
-// named plainly.
-#include <sstream>
-
+// The status command on prepared system trees (--root), without sshd (its -T is StatusSshdTest's):
+// in force only when every part is, and each way of not being in force is named plainly.
 #include "AgentTestSupport.h"
-#include "CommandLine.h"
 #include "PidFile.h"
-#include "status/StatusCommand.h"
 
 using AgentTest::WriteFile;
 using ::testing::EndsWith;
@@ -14,7 +9,6 @@ using ::testing::HasSubstr;
 
 namespace {
 
-const char* const kSshdOn = "port 22\\nusepam yes\\nkbdinteractiveauthentication yes\\n";
 const char* const kPolicy = R"({"content":{"refresh_time":300,"exclude_user_list":[]}})";
 const char* const kPolicyExcludingBob = R"({"content":{"refresh_time":300,"exclude_user_list":["bob"]}})";
 
@@ -38,34 +32,20 @@ void WriteSwitchedSystem(const std::string& root)
     WriteFile(root + "/etc/brackmoor/tfa.json", kPolicy);
 }
 
-/// A stand-in for sshd -T that prints `settings` or fails with `failure`; its path.
-std::string FakeSshd(const std::string& dir, const std::string& settings, const std::string& failure = "")
-{
-    WriteFile(dir + "/sshd", "#!/bin/sh\n" + (failure.empty() ? "printf '" + settings + "'\n"
-                                                               : "echo '" + failure + "' >&2\nexit 255\n"), 0755);
-    return dir + "/sshd";
-}
+/// The status command without sshd: its exit status and output.
+std::pair<int, std::string> Status(const std::string& root) { return AgentTest::RunStatus(root, root + "/no-sshd"); }
 
-/// The status command's exit status and output.
-std::pair<int, std::string> Status(const std::string& root, const std::string& sshd)
-{
-    std::ostringstream out;
-    const int status = Agent::StatusCommand::Run(Agent::CommandLine::Parse({"status", "--root", root, "--sshd", sshd}),
-                                                 out);
-    return {status, out.str()};
-}
-
-TEST(StatusCommandTest, SwitchedSystemIsInForceWithOrWithoutSshd)
+TEST(StatusCommandTest, SwitchedSystemIsInForce)
 {
     TestSupport::TempDir dir;
     WriteSwitchedSystem(dir.Path());
-    auto [status, output] = Status(dir.Path(), FakeSshd(dir.Path(), kSshdOn));
+    auto [status, output] = Status(dir.Path());
     EXPECT_EQ(status, 0);
     EXPECT_THAT(output, HasSubstr("[ ok ] sshd_config (effective): UsePAM yes, from " + dir.Path() +
                                   "/etc/ssh/sshd_config:4\n"));
     EXPECT_THAT(output, HasSubstr("[ ok ] policy: brackmoor-auth arguments match " +
                                   dir.File("etc/brackmoor/tfa.json")));
-    EXPECT_THAT(output, HasSubstr("[ ok ] sshd -T: kbdinteractiveauthentication yes"));
+    EXPECT_THAT(output, HasSubstr("is not installed; effective settings not checked"));
     EXPECT_THAT(output, EndsWith("second factor: in force\n"));
     // A running agent pushes a changed file when told to reload: a warning.
     Agent::PidFile agent;
@@ -73,22 +53,19 @@ TEST(StatusCommandTest, SwitchedSystemIsInForceWithOrWithoutSshd)
     WriteFile(dir.File("run/agent.pid"), "");
     ASSERT_TRUE(agent.Acquire(dir.File("run/agent.pid"), error)) << error;
     WriteFile(dir.File("etc/brackmoor/tfa.json"), kPolicyExcludingBob);
-    std::tie(status, output) = Status(dir.Path(), FakeSshd(dir.Path(), kSshdOn));
+    std::tie(status, output) = Status(dir.Path());
     EXPECT_EQ(status, 0);
     EXPECT_THAT(output, HasSubstr("[warn] policy: brackmoor-auth has 'refresh_time=300 echo=1 local=1', " +
                                   dir.File("etc/brackmoor/tfa.json") + " makes 'refresh_time=300 echo=1 local=1 "
                                   "exclude_user_list=bob': the file changed since it was pushed"));
-    std::tie(status, output) = Status(dir.Path(), dir.File("no-sshd-here"));
-    EXPECT_EQ(status, 0);
-    EXPECT_THAT(output, HasSubstr("is not installed; effective settings not checked"));
 }
 
 TEST(StatusCommandTest, EveryBreakageIsNotInForceAndSaysWhy)
 {
-    // The file under the root that changes (nullptr: none), its new content (nullptr: the file is removed),
-    // the reason the verdict gives, and what sshd -T prints or fails with.
+    // The file under the root that changes, its new content (nullptr: the file is removed), and the
+    // reason the verdict gives.
     const struct {
-        const char *file, *content, *reason, *sshdSettings = kSshdOn, *sshdFailure = "";
+        const char *file, *content, *reason;
     } breakages[] = {
         {"/etc/pam.d/sshd", "account required pam_nologin.so\n", "that could be linked"},
         {"/etc/pam.d/sshd", "@include common-auth\n", "not switched: line 1 still includes the system's auth stack"},
@@ -103,21 +80,15 @@ TEST(StatusCommandTest, EveryBreakageIsNotInForceAndSaysWhy)
         {"/etc/ssh/sshd_config", "KbdInteractiveAuthentication yes\nMatch User backup\n  UsePAM yes\n",
          "UsePAM is not set anywhere; sshd's default is no"},
         {"/lib/x86_64-linux-gnu/security/pam_brackmoor.so", nullptr, "where PAM loads its modules from"},
-        {nullptr, nullptr, "sshd will not ask for the second factor", "kbdinteractiveauthentication no\n"},
         {"/etc/pam.d/brackmoor-auth", "auth sufficient pam_brackmoor.so refresh_time=300 echo=1 local=0\n",
          "(not local=1): every user who is not excluded is refused"},
         {"/etc/brackmoor/tfa.json", kPolicyExcludingBob, "exclude_user_list=bob': left by an agent that did not stop"},
-        {nullptr, nullptr, "failed (Bad option: X): sshd would not start with this configuration", "", "Bad option: X"},
     };
     for (const auto& b : breakages) {
         TestSupport::TempDir dir;
         WriteSwitchedSystem(dir.Path());
-        if (b.file != nullptr && b.content != nullptr) {
-            WriteFile(dir.Path() + b.file, b.content);
-        } else if (b.file != nullptr) {
-            ::unlink((dir.Path() + b.file).c_str());
-        }
-        const auto [status, output] = Status(dir.Path(), FakeSshd(dir.Path(), b.sshdSettings, b.sshdFailure));
+        b.content ? WriteFile(dir.Path() + b.file, b.content) : (void)::unlink((dir.Path() + b.file).c_str());
+        const auto [status, output] = Status(dir.Path());
         EXPECT_EQ(status, 1);
         EXPECT_THAT(output, HasSubstr("second factor: NOT in force, because\n"));
         EXPECT_THAT(output.substr(output.find("second factor:")), HasSubstr(b.reason));

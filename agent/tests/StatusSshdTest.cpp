@@ -1,14 +1,6 @@
-// The status command's warnings about ways around the second factor, from
-// the real sshd's -T on prepared configurations, for a user's connection
-// too. In the sandbox: host keys are made in its copy of /etc when missing.
-#include <gtest/gtest.h>
-
-#include <sstream>
-
+// The status command's reading of the real sshd's -T for a user's connection too: the settings the
+// second factor needs, warnings about ways around it. Host keys are made in the sandbox's /etc.
 #include "AgentTestSupport.h"
-#include "CommandLine.h"
-#include "TestSupport/TempDir.h"
-#include "status/StatusCommand.h"
 
 namespace {
 
@@ -21,13 +13,7 @@ std::string Status(const std::string& root, const std::string& sshdConfig, const
     AgentTest::WriteFile(root + "/etc/ssh/sshd_config", sshdConfig);
     AgentTest::WriteFile(root + "/etc/pam.d/brackmoor-auth",
                          "auth required pam_unix.so\nauth sufficient pam_brackmoor.so " + arguments + "\n");
-    std::vector<std::string> args = {"status", "--root", root, "--sshd", kSshd};
-    if (!user.empty()) {
-        args.insert(args.end(), {"--user", user});
-    }
-    std::ostringstream out;
-    Agent::StatusCommand::Run(Agent::CommandLine::Parse(args), out);
-    return out.str();
+    return AgentTest::RunStatus(root, kSshd, user).second;
 }
 
 TEST(StatusSshdTest, NamesEachWayAroundTheSecondFactorWithTheLineToChange)
@@ -49,7 +35,8 @@ TEST(StatusSshdTest, NamesEachWayAroundTheSecondFactorWithTheLineToChange)
         std::vector<std::string> absent;
     } rows[] = {
         {"defaults", kBase, "local=1", "",
-         {"[warn] sshd -T: pubkeyauthentication yes, from sshd's default (no line sets it): " + keys,
+         {"[ ok ] sshd -T: kbdinteractiveauthentication yes", "[ ok ] sshd -T: usepam yes",
+          "[warn] sshd -T: pubkeyauthentication yes, from sshd's default (no line sets it): " + keys,
           "[info] sshd -T: passwordauthentication yes, from sshd's default (no line sets it): " + password},
          {"gssapi", "hostbased", root}},
         {"key plus second factor", kBase + "AuthenticationMethods publickey,keyboard-interactive\n"
@@ -69,6 +56,10 @@ TEST(StatusSshdTest, NamesEachWayAroundTheSecondFactorWithTheLineToChange)
          {"pubkeyauthentication yes for bob"}, {}},
         {"match block for this user", kBase + "Match User alice\n  PubkeyAuthentication no\n", "local=1", "alice",
          {}, {keys}},
+        {"keyboard-interactive off for this user", kBase + "Match User alice\n  KbdInteractiveAuthentication no\n",
+         "local=1", "alice", {"kbdinteractiveauthentication no: sshd will not ask for the second factor"}, {}},
+        {"unknown option", kBase + "NoSuchOption yes\n", "local=1", "",
+         {"): sshd would not start with this configuration"}, {"[ ok ] sshd -T"}},
     };
     for (const auto& row : rows) {
         const std::string output = Status(dir.Path(), row.config, row.arguments, row.user);

@@ -1,9 +1,7 @@
-// A module for the agent's tests, named TEST_MODULE_NAME. It appends every
-// call it gets as a line "<name> <event> ..." to the file named by
-// BRACKMOOR_TEST_MODULE_RECORD, so a test can follow a running agent from
-// outside. With BRACKMOOR_TEST_MODULE_HOLD_INIT (HOLD_UNINIT) set, Init
-// (UnInit) waits until that file exists, so that a test can signal the agent
-// while it starts (stops). Variants: TEST_MODULE_INIT_THROWS,
+// A module for the agent's tests, named TEST_MODULE_NAME, that appends each call it gets as a line
+// "<name> <event> ..." to the file BRACKMOOR_TEST_MODULE_RECORD names, for a test to follow a running
+// agent. With BRACKMOOR_TEST_MODULE_HOLD_INIT (HOLD_UNINIT) set, Init (UnInit) waits until that file
+// exists, so that a test can signal the agent while it starts (stops). Variants: TEST_MODULE_INIT_THROWS,
 // TEST_MODULE_FACTORY_NULL (CreateModule returns null), TEST_MODULE_NO_FACTORY.
 #include <unistd.h>
 

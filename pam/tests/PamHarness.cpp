@@ -1,7 +1,6 @@
 #include "PamHarness.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -11,7 +10,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace brackmoor::pam::test {
@@ -20,6 +18,10 @@ namespace {
 // In the sandbox's private /tmp.
 constexpr char kConfigDirectory[] = "/tmp/brackmoor-pam.d";
 constexpr char kService[] = "brackmoor-test";
+// The prompt that carries a refusal to the user.
+constexpr char kClosingPrompt[] = "Press Enter to close this login attempt: ";
+// Set on every transaction, as sshd sets the client's address.
+constexpr char kRemoteHost[] = "203.0.113.7";
 int g_syslog = -1;
 
 // The module's log is caught at /dev/log, on an overlay over /dev whose upper
@@ -36,20 +38,14 @@ bool CaptureSyslog()
     }
     // A full queue would block the module's syslog(). The limit belongs to the
     // network namespace and is read when a socket is made.
-    std::ofstream limit("/proc/sys/net/unix/max_dgram_qlen");
-    limit << 4096;
-    limit.close();
-    if (!limit) {
+    if (!(std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << 4096 << std::flush)) {
         return false;
     }
     unlink("/dev/log");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, "/dev/log");
+    const sockaddr_un address{AF_UNIX, "/dev/log"};
     g_syslog = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    return bind(g_syslog, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    return bind(g_syslog, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
-
 
 /// Catches the log before any test runs: the module's first syslog()
 /// connects to /dev/log for good.
@@ -70,12 +66,12 @@ int ScriptedUser::Converse(int count, const pam_message** messages, pam_response
                           : style == PAM_PROMPT_ECHO_OFF ? '*'
                           : style == PAM_TEXT_INFO    ? 'i'
                                                        : '!';
-        user.seen_.push_back(std::string(1, kind) + " " + (messages[i]->msg != nullptr ? messages[i]->msg : ""));
+        user.seen.push_back(std::string(1, kind) + " " + (messages[i]->msg != nullptr ? messages[i]->msg : ""));
         if (kind == '?' || kind == '*') {
-            if (user.nextAnswer_ == user.answers_.size()) {
+            if (user.nextAnswer == user.answers.size()) {
                 return PAM_CONV_ERR;
             }
-            answers[i] = user.answers_[user.nextAnswer_++].c_str();
+            answers[i] = user.answers[user.nextAnswer++].c_str();
         }
     }
     *responses = static_cast<pam_response*>(calloc(answers.size(), sizeof(pam_response)));
@@ -104,25 +100,10 @@ int Authenticate(const std::string& arguments, const std::string& user, Scripted
     return result;
 }
 
-int Pamtester(const std::string& stack, const std::string& user, const std::string& input)
-{
-#ifdef BRACKMOOR_SANITIZED
-    return 77; // an instrumented module cannot load into the uninstrumented pamtester
-#endif
-    if (system("command -v pamtester >/dev/null") != 0) {
-        return 77;
-    }
-    std::ofstream("/etc/pam.d/brackmoor-stack") << stack;
-    FILE* typing = popen(("pamtester brackmoor-stack " + user + " authenticate >/dev/null 2>&1").c_str(), "w");
-    std::fputs(input.c_str(), typing);
-    const int status = pclose(typing);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 void ExpectOutcome(const Outcome& expected, int result, const ScriptedUser& user, const std::string& name,
                    const std::vector<std::string>& secrets)
 {
-    const std::vector<std::string>& seen = user.Seen();
+    const std::vector<std::string>& seen = user.seen;
     const std::string closing = std::string("? ") + kClosingPrompt;
     EXPECT_EQ(result, expected.result);
     EXPECT_EQ(std::count_if(seen.begin(), seen.end(),
@@ -150,12 +131,6 @@ void ExpectOutcome(const Outcome& expected, int result, const ScriptedUser& user
             EXPECT_EQ(line.find(secret), std::string::npos) << "logged: " << line;
         }
     }
-}
-
-bool Holds(const std::vector<std::string>& lines, const std::string& text)
-{
-    return std::any_of(lines.begin(), lines.end(),
-                       [&](const std::string& line) { return line.find(text) != std::string::npos; });
 }
 
 std::vector<std::string> TakeSyslog()

@@ -1,9 +1,7 @@
-// Pure parts of the module: argument and reply parsing, code comparison,
-// one-time codes against the published test vectors, the secret file, the
-// failure limit, clock skew, settings. Enrolment URIs and recovery codes are
-// checked with the real command in pamtester-local.sh.
+// Pure parts of the module: arguments, code comparison, one-time codes, the secret file, the failure
+// limit, clock skew, settings. Each algorithm, period and digit count against oathtool, enrolment URIs
+// and recovery codes are pamtester-local.sh's, with the real command and module.
 
-#include "AgentReply.h"
 #include "CodeCompare.h"
 #include "ModuleOptions.h"
 #include "ClockSkew.h"
@@ -46,15 +44,13 @@ TEST(ModuleOptions, BadArgumentsAreReportedAndLeaveTheSafeDefaults)
     }
 }
 
-// The agent's replies are fuzzed (pam/fuzz): whatever parses must print back as the input.
 TEST(CodeCompare, TypedCodesMatchTheIssuedNumberWhateverTheLeadingZeros)
 {
     const std::tuple<const char*, std::uint32_t, bool> cases[] = {
-        {"042137", 42137, true},   {"42137", 42137, true},   {" 042137\r\n", 42137, true},
-        {"000000", 0, true},       {"0", 0, true},           {"999999999", 999999999, true},
-        {"042138", 42137, false},  {"4213", 42137, false},   {"421370", 42137, false},
-        {"", 0, false},            {"  ", 0, false},         {"0000000000", 0, false},
-        {"04 2137", 42137, false}, {"-42137", 42137, false}, {"+42137", 42137, false}, {"١٢٣", 123, false},
+        {"042137", 42137, true}, {"42137", 42137, true},  {" 042137\r\n", 42137, true}, {"000000", 0, true},
+        {"0", 0, true},          {"999999999", 999999999, true}, {"042138", 42137, false}, {"4213", 42137, false},
+        {"421370", 42137, false}, {"", 0, false}, {"  ", 0, false}, {"0000000000", 0, false}, {"04 2137", 42137, false},
+        {"-42137", 42137, false}, {"+42137", 42137, false}, {"١٢٣", 123, false},
         {"137", 42137, false}, // a tail of the issued code is not the code
     };
     for (const auto& [typed, issued, match] : cases) {
@@ -62,31 +58,21 @@ TEST(CodeCompare, TypedCodesMatchTheIssuedNumberWhateverTheLeadingZeros)
     }
 }
 
-// RFC 6238 appendix B keys ("1234567890" repeated to the hash's size) and
-// RFC 4226 appendix D; a 6-digit code is the 8-digit one's last six digits.
+// RFC 6238 appendix B's SHA-1 key; a 6-digit code is the 8-digit one's last six digits.
 constexpr char kSha1Key[] = "GEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQ";
-constexpr char kSha256Key[] = "GEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZA====";
-constexpr char kSha512Key[] =
-    "GEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQGEZDGNA=";
 
-TEST(OtpCheck, TimeBasedCodesOfEveryAlgorithmWithinTheWindowAndOnlyOnce)
+TEST(OtpCheck, TimeBasedCodesWithinTheWindowAndOnlyOnce)
 {
     constexpr std::time_t t = 1111111109; // a vector's time; its step is s
     constexpr std::uint64_t s = 37037036;
     using V = OtpVerdict;
     constexpr OtpKind T = OtpKind::Totp;
-    const OtpParameters sha1{}, sha256{T, OtpAlgorithm::Sha256, 8}, sha512{T, OtpAlgorithm::Sha512, 8};
-    const OtpParameters sha1x8{T, OtpAlgorithm::Sha1, 8}, minute{T, OtpAlgorithm::Sha1, 6, 60};
-    const OtpParameters wide{T, OtpAlgorithm::Sha1, 6, 30, 3};
+    const OtpParameters sha1{}, sha1x8{T, OtpAlgorithm::Sha1, 8}, wide{T, OtpAlgorithm::Sha1, 6, 30, 3};
     // key, parameters, now, offset, typed, last accepted step; verdict, step, skew
     using Step = std::uint64_t;
     using Row = std::tuple<const char*, OtpParameters, std::time_t, int, const char*, Step, V, Step, int>;
     const Row cases[] = {
         {kSha1Key, sha1x8, 59, 0, "94287082", 0, V::Accepted, 1, 0},
-        {kSha256Key, sha256, 2000000000, 0, "90698825", 0, V::Accepted, 66666666, 0},
-        {kSha512Key, sha512, t, 0, "25091201", 0, V::Accepted, s, 0},
-        {kSha512Key, sha512, t, 0, "081804", 0, V::Wrong, 0, 0},
-        {kSha1Key, minute, 119, 0, "287082", 0, V::Accepted, 1, 0}, // step 1 of 60 s is counter 1
         {kSha1Key, sha1, t, 0, " 081804\n", 0, V::Accepted, s, 0},
         {kSha1Key, sha1, t + 30, 0, "081804", 0, V::Accepted, s, -1},
         {kSha1Key, sha1, t - 30, 0, "081804", 0, V::Accepted, s, 1},
@@ -131,9 +117,6 @@ TEST(OtpRecord, ReadsFilesOfBothVersionsAndRefusesDamagedOnes)
         OtpRecord record;
         EXPECT_FALSE(ParseOtpRecord(bad, &record)) << bad;
     }
-    OtpRecord failuresOnly; // a user without a secret still has a failure count
-    EXPECT_TRUE(ParseOtpRecord("version=2\nfailures=2\nfailures_since=5\n", &failuresOnly));
-    EXPECT_FALSE(failuresOnly.Enrolled());
 }
 
 TEST(Throttle, LocksAfterTheLimitWithinTheWindowUntilItPasses)
@@ -173,9 +156,8 @@ TEST(LocalSettings, ReadsKnownKeysAndKeepsDefaultsForBadOnes)
 {
     LocalSettings settings;
     settings.Parse("# rollout\n allow_unenrolled = 1 \nmax_failures=10 # fewer\nfailure_window = 600\n");
-    EXPECT_EQ(std::make_tuple(settings.allowUnenrolled, settings.throttle.maxFailures, settings.throttle.windowSeconds),
-              std::make_tuple(true, 10u, 600u));
-    EXPECT_TRUE(settings.problems.empty());
+    EXPECT_EQ(std::make_tuple(settings.allowUnenrolled, settings.throttle.maxFailures, settings.throttle.windowSeconds,
+                              settings.problems.size()), std::make_tuple(true, 10u, 600u, 0u));
     LocalSettings bad;
     bad.Parse("allow_unenrolled=yes\nmax_failures=0\nfailure_window=59\nlockout=1\nmax_failures\n");
     EXPECT_EQ(std::make_tuple(bad.allowUnenrolled, bad.throttle.maxFailures, bad.throttle.windowSeconds,
