@@ -1,7 +1,6 @@
 #include "TestSupport/HttpsTestServer.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -23,51 +22,42 @@ struct HttpsTestServer::State {
     Poco::ThreadPool threads{2, 16};
     std::unique_ptr<Poco::Net::HTTPServer> server;  ///< present while serving
     mutable std::mutex lock;
-    std::condition_variable released;
     std::map<std::string, std::deque<ScriptedAnswer>> queued;
     std::vector<RecordedRequest> requests;
-    bool stall = false;
-    bool stopping = false;
+};
 
-    /// Starts or ends stall mode; `stop` ends every held request unanswered.
-    void Set(bool stallMode, bool stop)
+namespace {
+
+// Records every request and answers it with the answer queued next for its
+// path, or 200 and an empty body. Runs on the connection's thread; the server
+// joins every such thread before the state goes.
+struct Handler : Poco::Net::HTTPRequestHandler, Poco::Net::HTTPRequestHandlerFactory {
+    explicit Handler(HttpsTestServer::State& shared) : state(shared) {}
+    Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override
     {
-        std::lock_guard<std::mutex> guard(lock);
-        stall = stallMode;
-        stopping = stopping || stop;
-        released.notify_all();
+        return new Handler(state);
     }
-
-    /// Records `request` and answers it with the answer queued next for its
-    /// path, or 200 and an empty body; in stall mode only once that ends.
-    void Handle(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response)
+    void handleRequest(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response) override
     {
         const Poco::URI uri(request.getURI());
         const Poco::URI::QueryParameters parameters = uri.getQueryParameters();
         RecordedRequest recorded{request.getMethod(), uri.getPath(), {parameters.begin(), parameters.end()},
                                  {request.begin(), request.end()}, ""};
-        if (auto* impl = dynamic_cast<Poco::Net::HTTPServerRequestImpl*>(&request)) {
-            recorded.resumedTls = Poco::Net::SecureStreamSocket(impl->socket()).sessionWasReused();
-        }
+        auto& secure = static_cast<Poco::Net::HTTPServerRequestImpl&>(request);  // what an HTTPServer hands out
+        recorded.resumedTls = Poco::Net::SecureStreamSocket(secure.socket()).sessionWasReused();
         Poco::StreamCopier::copyToString(request.stream(), recorded.body);
         ScriptedAnswer answer;
         {
-            std::unique_lock<std::mutex> guard(lock);
-            std::deque<ScriptedAnswer>& forPath = queued[recorded.path];
-            requests.push_back(std::move(recorded));
-            released.wait(guard, [this] { return !stall || stopping; });
-            if (stopping) {
-                return;
-            }
+            std::lock_guard<std::mutex> guard(state.lock);
+            std::deque<ScriptedAnswer>& forPath = state.queued[recorded.path];
+            state.requests.push_back(std::move(recorded));
             if (!forPath.empty()) {
                 answer = forPath.front();
                 forPath.pop_front();
             }
         }
+        std::this_thread::sleep_for(std::chrono::milliseconds(answer.dripMs));
         response.setStatus(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(answer.status));
-        for (const auto& [name, value] : answer.headers) {
-            response.set(name, value);
-        }
         response.setChunkedTransferEncoding(answer.chunked);
         response.setContentLength(answer.chunked ? Poco::Net::HTTPMessage::UNKNOWN_CONTENT_LENGTH
                                                  : static_cast<std::streamsize>(answer.body.size()));
@@ -78,22 +68,6 @@ struct HttpsTestServer::State {
             out.write(answer.body.data() + at, static_cast<std::streamsize>(step)) << std::flush;
             std::this_thread::sleep_for(std::chrono::milliseconds(answer.dripMs));
         }
-    }
-};
-
-namespace {
-
-// Hands every request to the server's state on the connection's thread; the
-// server joins every such thread before the state goes.
-struct Handler : Poco::Net::HTTPRequestHandler, Poco::Net::HTTPRequestHandlerFactory {
-    explicit Handler(HttpsTestServer::State& shared) : state(shared) {}
-    void handleRequest(Poco::Net::HTTPServerRequest& in, Poco::Net::HTTPServerResponse& out) override
-    {
-        state.Handle(in, out);
-    }
-    Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override
-    {
-        return new Handler(state);
     }
     HttpsTestServer::State& state;
 };
@@ -108,7 +82,6 @@ HttpsTestServer::~HttpsTestServer() { Stop(); }
 void HttpsTestServer::Stop()
 {
     if (state->server) {
-        state->Set(false, true);
         state->server->stopAll(true);
         state->threads.joinAll();
         state->server.reset();
@@ -118,8 +91,7 @@ void HttpsTestServer::Stop()
 bool HttpsTestServer::Start(std::string& error, unsigned short port)
 {
     try {
-        static std::once_flag sslReady;
-        std::call_once(sslReady, [] { Poco::Net::initializeSSL(); });
+        Poco::Net::initializeSSL();  // counted: each call is paired with none, so the library stays up
         Poco::Net::Context::Ptr context(new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, keyFile, certFile,
                                                                "", Poco::Net::Context::VERIFY_NONE));
         context->enableSessionCache(true, "brackmoor-test");
@@ -133,8 +105,6 @@ bool HttpsTestServer::Start(std::string& error, unsigned short port)
         return true;
     } catch (const Poco::Exception& e) {
         error = "HttpsTestServer: " + e.displayText();
-    } catch (const std::exception& e) {
-        error = std::string("HttpsTestServer: ") + e.what();
     }
     return false;
 }
@@ -146,8 +116,6 @@ void HttpsTestServer::Queue(const std::string& path, const ScriptedAnswer& answe
     std::lock_guard<std::mutex> guard(state->lock);
     state->queued[path].push_back(answer);
 }
-
-void HttpsTestServer::SetStall(bool stall) { state->Set(stall, false); }
 
 std::vector<RecordedRequest> HttpsTestServer::Requests() const
 {

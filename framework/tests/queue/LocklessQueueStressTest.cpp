@@ -24,14 +24,12 @@ constexpr uint32_t kPerProducer = 200000;
 constexpr uint32_t kNearWrap = 0xffffffffu - 5000;
 
 struct Stamp {
-    uint32_t producer;
-    uint32_t sequence;
+    uint32_t producer, sequence;
 };
 
 struct Scenario {
     const char* name;
-    uint32_t producers;
-    uint32_t consumers;
+    uint32_t producers, consumers;
     unsigned int capacity;
     uint32_t startCounter; // near 2^32 to wrap the counters early in the run
     bool release;

@@ -119,7 +119,7 @@ struct VerificationService {
         SDK::HttpUtils::GetInstance()->Reset();  // its client context may trust an earlier object's CA
     }
     /// Queues the answer to the next request to `path` ("/tfa_phone_num" or "/tfa_code").
-    void Answer(const std::string& path, int code, const std::string& text) { server.Queue(path, {code, text, {}}); }
+    void Answer(const std::string& path, int code, const std::string& text) { server.Queue(path, {code, text}); }
 
     TestSupport::TempDir dir;
     TestSupport::TestCertificates certificates{dir.Path()};

@@ -30,10 +30,9 @@ public:
     /// True when some record's text contains `part`.
     bool Contains(const std::string& part) const
     {
-        const std::vector<Poco::Message> all = Messages();
-        return std::any_of(all.begin(), all.end(), [&part](const Poco::Message& msg) {
-            return msg.getText().find(part) != std::string::npos;
-        });
+        std::lock_guard<std::mutex> guard(lock);
+        return std::any_of(messages.begin(), messages.end(),
+                           [&part](const Poco::Message& msg) { return msg.getText().find(part) != std::string::npos; });
     }
     void Clear()
     {

@@ -20,22 +20,19 @@ struct RecordedRequest {
 struct ScriptedAnswer {
     int status = 200;
     std::string body;
-    std::map<std::string, std::string> headers;
     bool chunked = false;  ///< no Content-Length: the body as one chunk
-    int dripMs = 0;        ///< write the body a byte at a time, this far apart
+    int dripMs = 0;        ///< wait this long before answering, then write the body a byte at a time as far apart
 };
 
 /// An HTTPS server on 127.0.0.1, a real TLS peer for client tests. It records
 /// every request and answers with the answers queued for its path, in order,
-/// then with 200 and an empty body; in stall mode not at all until that ends
-/// or the server stops. Clients can resume TLS sessions. No connection
-/// thread outlives the object.
+/// then with 200 and an empty body. Clients can resume TLS sessions. No
+/// connection thread outlives the object.
 class HttpsTestServer {
 public:
     /// A server presenting the PEM certificate and key (see TestCertificates).
     HttpsTestServer(const std::string& certFile, const std::string& keyFile);
     ~HttpsTestServer();
-    HttpsTestServer(const HttpsTestServer&) = delete;
 
     /// Binds (`port`, or an ephemeral one) and starts serving; false with `error` saying why.
     bool Start(std::string& error, unsigned short port = 0);
@@ -48,11 +45,8 @@ public:
 
     /// Queues `answer` for the next request to `path`.
     void Queue(const std::string& path, const ScriptedAnswer& answer);
-    /// Holds every request from now on without answering it; false releases them.
-    void SetStall(bool stall);
     /// The requests received so far, oldest first.
     std::vector<RecordedRequest> Requests() const;
-    size_t RequestCount() const { return Requests().size(); }
 
     struct State;  ///< what the connection threads share with the test
 
