@@ -34,12 +34,14 @@
 #include <iostream>
 #include <sstream>
 
+#include <Poco/Process.h>
+#include <unistd.h>
+
 #include "AdminCommand.h"
 #include "ContactChurn.h"
 #include "Framework/ConfigManager.h"
 #include "HeldConnections.h"
 #include "ListClients.h"
-#include "PostgresDatabase.h"
 #include "SDK/HttpUtils.h"
 #include "Service.h"
 #include "ServiceConfig.h"
@@ -127,6 +129,23 @@ std::string AddBenchAgent(brackmoor::verifyd::Database& database)
     return ok ? token : "";
 }
 
+/// A new database on the PostgreSQL server that pg_virtualenv describes in
+/// PGHOST, PGPORT, PGUSER and PGPASSWORD, as database.url takes it; "" when
+/// the variables are missing or createdb fails.
+std::string NewPostgresDatabase()
+{
+    std::string url = "postgresql://";
+    for (const char* name : {"PGUSER", ":PGPASSWORD", "@PGHOST", ":PGPORT"}) {
+        const char* value = std::getenv(name[0] == 'P' ? name : name + 1);
+        if (value == nullptr) {
+            return "";
+        }
+        url += (name[0] == 'P' ? "" : std::string(1, name[0])) + value;
+    }
+    const std::string database = "verifyd_load_" + std::to_string(::getpid());
+    return Poco::Process::launch("/usr/bin/createdb", {database}).wait() == 0 ? url + "/" + database : "";
+}
+
 int Fail(const std::string& why)
 {
     std::cerr << "verifyd_load: " << why << "\n";
@@ -149,7 +168,7 @@ int main(int argc, char** argv)
     }
     std::string database = "path = verifyd.db";
     if (options.postgres) {
-        const std::string url = verifyd_test::NewPostgresDatabase();
+        const std::string url = NewPostgresDatabase();
         if (url.empty()) {
             return Fail("no PostgreSQL server: run under pg_virtualenv");
         }
