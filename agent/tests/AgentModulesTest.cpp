@@ -102,7 +102,11 @@ TEST_F(AgentModulesTest, FeedsDeliverOnlyChangedDocumentsAndJournalThePolicyInFo
         {"{\"v\": 2}", DeliveryResult::Accepted},         // back to the good text: pushed again
     };
     for (const auto& [content, expected] : steps) {
-        content != nullptr ? WriteFile(dir.File("tfa.json"), content) : (void)::unlink(dir.File("tfa.json").c_str());
+        if (content != nullptr) {
+            WriteFile(dir.File("tfa.json"), content);
+        } else {
+            ::unlink(dir.File("tfa.json").c_str());
+        }
         const bool reload = &content != &steps[0].first;  // the first delivery is the start's
         EXPECT_EQ(feeder.Deliver(host, reload),
                   (std::vector<DeliveryResult>{expected, DeliveryResult::NoModule, DeliveryResult::UnknownCallback,

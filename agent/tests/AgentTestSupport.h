@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <atomic>
 #include <csignal>
 
@@ -54,7 +53,9 @@ public:
     {
         args.insert(args.begin(), BRACKMOOR_AGENT_BINARY);
         std::vector<char*> argv;
-        std::transform(args.begin(), args.end(), std::back_inserter(argv), [](std::string& a) { return a.data(); });
+        for (std::string& arg : args) {
+            argv.push_back(arg.data());
+        }
         argv.push_back(nullptr);
         if ((pid = fork()) == 0) {
             // Only async-signal-safe calls here. The agent starts with a clean signal mask.
@@ -69,10 +70,19 @@ public:
             _exit(127);
         }
     }
-    ~AgentProcess() { Signal(SIGKILL); Wait(std::chrono::seconds(30)); }
+    ~AgentProcess()
+    {
+        Signal(SIGKILL);
+        Wait(std::chrono::seconds(30));
+    }
 
     pid_t Pid() const { return pid; }
-    void Signal(int number) const { if (status == kRunning) { kill(pid, number); } }
+    void Signal(int number) const
+    {
+        if (status == kRunning) {
+            kill(pid, number);
+        }
+    }
     /// Its exit status once it exits within `timeout`; -1 while it runs or when a signal ended it.
     int Wait(std::chrono::milliseconds timeout)
     {

@@ -87,7 +87,11 @@ TEST(StatusCommandTest, EveryBreakageIsNotInForceAndSaysWhy)
     for (const auto& b : breakages) {
         TestSupport::TempDir dir;
         WriteSwitchedSystem(dir.Path());
-        b.content ? WriteFile(dir.Path() + b.file, b.content) : (void)::unlink((dir.Path() + b.file).c_str());
+        if (b.content != nullptr) {
+            WriteFile(dir.Path() + b.file, b.content);
+        } else {
+            ::unlink((dir.Path() + b.file).c_str());
+        }
         const auto [status, output] = Status(dir.Path());
         EXPECT_EQ(status, 1);
         EXPECT_THAT(output, HasSubstr("second factor: NOT in force, because\n"));
