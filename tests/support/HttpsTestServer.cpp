@@ -91,7 +91,7 @@ void HttpsTestServer::Stop()
 bool HttpsTestServer::Start(std::string& error, unsigned short port)
 {
     try {
-        Poco::Net::initializeSSL();  // counted: each call is paired with none, so the library stays up
+        Poco::Net::initializeSSL();  // reference-counted; never undone here, so the library stays up for the process
         Poco::Net::Context::Ptr context(new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, keyFile, certFile,
                                                                "", Poco::Net::Context::VERIFY_NONE));
         context->enableSessionCache(true, "brackmoor-test");

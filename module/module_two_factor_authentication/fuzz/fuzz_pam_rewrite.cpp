@@ -58,8 +58,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                             Fuzz::ReadWholeFile(task.pamIncludePath) != include))) {
         __builtin_trap();
     }
-    const bool restored =
-        on && task.SwitchAuth(false) && Fuzz::Lines(Fuzz::ReadWholeFile(task.pamSshdPath), false) == Fuzz::Lines(service, false);
+    const bool restored = on && task.SwitchAuth(false) &&
+                          Fuzz::Lines(Fuzz::ReadWholeFile(task.pamSshdPath), false) == Fuzz::Lines(service, false);
     if (restored && (!task.SwitchAuth(true) || Fuzz::ReadWholeFile(task.pamSshdPath) != switched)) {
         __builtin_trap();
     }
