@@ -147,4 +147,20 @@ TEST_F(ConfigFilesTest, PamServiceFileIsRewrittenOnlyWhenRecognised)
     }
 }
 
+TEST_F(ConfigFilesTest, PamFailuresNameTheFullPathAndLeaveTheServiceFile)
+{
+    EXPECT_FALSE(task->SwitchAuth(true));
+    WriteText(task->pamSshdPath, "@include common-auth\n");
+    EXPECT_FALSE(task->SwitchAuth(true));
+    WriteText(task->pamDir + "common-auth", "auth required pam_unix.so\n");
+    task->pamIncludePath = root.File("missing-dir/brackmoor-auth");
+    EXPECT_FALSE(task->SwitchAuth(true));
+    EXPECT_EQ(ReadWholeFile(task->pamSshdPath), "@include common-auth\n");
+    EXPECT_EQ(log.Records(), (Records{"E Open pam sshd config(ROOT/pam.d/sshd) failed, errno(2).",
+                                      "E Open origin pam config file(ROOT/pam.d/common-auth) failed, errno(2).",
+                                      "E Generate pam bm config file failed.",
+                                      "E Open pam bm config file(ROOT/missing-dir/brackmoor-auth) failed, errno(2).",
+                                      "E Generate pam bm config file failed."}));
+}
+
 } // namespace

@@ -81,6 +81,7 @@ TEST(ModuleTest, RefreshFeaturePolicyExpiresTheHeldPolicyOnEveryPath)
 
 TEST(ModuleTest, InitRegistersTheCallbackUnderItsIdAndUnInitRemovesIt)
 {
+    LogCapture log;
     Engine::TwoFactorAuthenticationModule module;
     ASSERT_EQ(module.Init(), 0);
     Framework::Policy* current = nullptr;
@@ -88,6 +89,14 @@ TEST(ModuleTest, InitRegistersTheCallbackUnderItsIdAndUnInitRemovesIt)
     EXPECT_EQ(module.RefreshPolicy("10001", kFeature, "{}", current), -2);
     module.UnInit();
     EXPECT_EQ(module.RefreshPolicy("10001", kFeature, kValid, current), -1) << "callback removed";
+    EXPECT_EQ(log.Records(),
+              (Records{"I Init module(two_factor_authentication_module).",
+                       "I Register task(two_factor_authentication_task).",
+                       "I Refresh feature(" + kFeature + ") policy.",
+                       "E Parse feature(" + kFeature + ") policy({}) content failed.",
+                       "E Parse feature(" + kFeature + ") policy failed.",
+                       "I UnRegister task(two_factor_authentication_task).",
+                       "I UnInit module(two_factor_authentication_module)."}));
 }
 
 } // namespace

@@ -50,6 +50,11 @@ TEST_F(IpcServerTest, AnswersOnTheExactNameWithDecimalTextAndNulAndOnlyRoot)
     for (const auto& [request, reply] : cases) {
         EXPECT_EQ(Exchange(request, client), reply) << request;
     }
+    struct sockaddr_un to = {};
+    socklen_t length = sizeof(to);
+    ASSERT_EQ(getsockname(client.fd, reinterpret_cast<struct sockaddr*>(&to), &length), 0);
+    task.SendResponse(to, length, -2147483648);
+    EXPECT_EQ(client.Receive(), "-2147483648\0"s) << "the longest reply, twelve bytes";
 
     // A listed contact asked by nobody. The raw system calls change the
     // credentials of the asking thread alone.

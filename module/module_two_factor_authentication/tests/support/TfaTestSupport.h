@@ -43,16 +43,18 @@ public:
         logger.setChannel(channel);
         logger.setLevel(Poco::Message::PRIO_TRACE);
     }
-    /// Every record as "<priority letter> <text>" ("E", "W", "I", "D").
+    /// Every record as "<priority letter> <text>" ("E", "W", "I", "D"), with " (no source)"
+    /// when it lacks the base name of its source file and a line.
     TfaTest::Records Records() const
     {
         TfaTest::Records records;
         for (const Poco::Message& message : channel->Messages()) {
-            std::string text = message.getText();
+            std::string text = message.getText(), file = message.getSourceFile() ? message.getSourceFile() : "/";
             for (size_t at = 0; !root.empty() && (at = text.find(root, at)) != std::string::npos;) {
                 text.replace(at, root.size(), "ROOT");
             }
-            records.push_back("?FCEWNIDT"[message.getPriority()] + (" " + text));
+            const bool located = file.find('/') == std::string::npos && message.getSourceLine() > 0;
+            records.push_back("?FCEWNIDT"[message.getPriority()] + (" " + text) + (located ? "" : " (no source)"));
         }
         return records;
     }
